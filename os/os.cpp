@@ -1,0 +1,427 @@
+// os/os.cpp - the operating-system seam: path rooting, command running and
+// recording, signals, sockets, driver requests, time, and fault injection.
+//
+// The fast path (nothing configured) is one test of a process global per
+// call; everything else is for tests and the offline tool.
+#include "os/os.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+
+namespace qorcfg::os {
+namespace {
+
+struct Fault {
+    unsigned calls = 0;   // calls seen since armed or reset
+    unsigned nth = 0;     // 0 = disarmed
+    bool sticky = false;  // fail from nth on, not only at nth
+    int err = 0;
+};
+
+struct State {
+    std::string root;
+    Runner *runner = nullptr;
+    std::string socket_path = "/tmp/qorcfgd_socket";
+    IoctlHandler ioctl_handler;
+    Clock clock;
+    std::array<Fault, static_cast<size_t>(Call::count_)> faults{};
+    bool counting = false;
+    // Streams handed out by popen() while a runner is installed, with the
+    // text they read and the status pclose() returns for them.
+    struct Canned {
+        std::unique_ptr<std::string> text;  // stable address for fmemopen
+        int status;
+    };
+    std::map<FILE *, Canned> canned;
+};
+
+State &state() {
+    static State s;
+    return s;
+}
+
+// Set while any fault is armed or counting is on: the only cost of the
+// fault hook in production is this test.
+bool g_watching = false;
+
+void update_watching() {
+    const State &s = state();
+    g_watching = s.counting || std::any_of(s.faults.begin(), s.faults.end(),
+                                           [](const Fault &f) { return f.nth != 0; });
+}
+
+// True when this call of `kind` must fail; errno is then set.
+bool faulted(Call kind) {
+    if (!g_watching)
+        return false;
+    Fault &f = state().faults[static_cast<size_t>(kind)];
+    ++f.calls;
+    if (f.nth == 0)
+        return false;
+    if (f.calls == f.nth || (f.sticky && f.calls > f.nth)) {
+        errno = f.err;
+        if (!f.sticky) {
+            f.nth = 0;
+            update_watching();
+        }
+        return true;
+    }
+    return false;
+}
+
+// The path handed to the system: absolute paths are moved under the root.
+class Rooted {
+public:
+    explicit Rooted(const char *path) : path_(path) {
+        const std::string &root = state().root;
+        if (!root.empty() && path != nullptr && path[0] == '/') {
+            joined_ = root + path;
+            path_ = joined_.c_str();
+        }
+    }
+    const char *c_str() const { return path_; }
+
+private:
+    const char *path_;
+    std::string joined_;
+};
+
+}  // namespace
+
+// ---- files --------------------------------------------------------------------
+
+void set_root(std::string_view root) {
+    std::string r(root);
+    while (r.size() > 1 && r.back() == '/')
+        r.pop_back();
+    state().root = r == "/" ? std::string() : r;
+}
+
+const std::string &root() {
+    return state().root;
+}
+
+std::string host_path(const char *path) {
+    return Rooted(path).c_str();
+}
+
+FILE *fopen(const char *path, const char *mode) {
+    if (faulted(Call::open))
+        return nullptr;
+    return ::fopen(Rooted(path).c_str(), mode);
+}
+
+int open(const char *path, int flags, mode_t mode) {
+    if (faulted(Call::open))
+        return -1;
+    return ::open(Rooted(path).c_str(), flags, mode);
+}
+
+int close(int fd) {
+    return ::close(fd);
+}
+
+int access(const char *path, int mode) {
+    if (faulted(Call::access))
+        return -1;
+    return ::access(Rooted(path).c_str(), mode);
+}
+
+int unlink(const char *path) {
+    if (faulted(Call::unlink))
+        return -1;
+    return ::unlink(Rooted(path).c_str());
+}
+
+int rename(const char *from, const char *to) {
+    if (faulted(Call::rename))
+        return -1;
+    return ::rename(Rooted(from).c_str(), Rooted(to).c_str());
+}
+
+ssize_t readlink(const char *path, char *buf, size_t size) {
+    if (faulted(Call::readlink))
+        return -1;
+    return ::readlink(Rooted(path).c_str(), buf, size);
+}
+
+DIR *opendir(const char *path) {
+    if (faulted(Call::open))
+        return nullptr;
+    return ::opendir(Rooted(path).c_str());
+}
+
+int chdir(const char *path) {
+    if (faulted(Call::chdir))
+        return -1;
+    return ::chdir(Rooted(path).c_str());
+}
+
+int flock(int fd, int operation) {
+    if (faulted(Call::flock))
+        return -1;
+    return ::flock(fd, operation);
+}
+
+void *mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset) {
+    if (faulted(Call::mmap))
+        return MAP_FAILED;
+    return ::mmap(addr, length, prot, flags, fd, offset);
+}
+
+int munmap(void *addr, size_t length) {
+    return ::munmap(addr, length);
+}
+
+// ---- memory ---------------------------------------------------------------------
+
+void *malloc(size_t size) {
+    return faulted(Call::alloc) ? nullptr : std::malloc(size);
+}
+
+void *calloc(size_t count, size_t size) {
+    return faulted(Call::alloc) ? nullptr : std::calloc(count, size);
+}
+
+void *realloc(void *ptr, size_t size) {
+    return faulted(Call::alloc) ? nullptr : std::realloc(ptr, size);
+}
+
+char *strdup(const char *text) {
+    return faulted(Call::alloc) ? nullptr : ::strdup(text);
+}
+
+// ---- commands and signals -------------------------------------------------------
+
+void Runner::answer(std::string prefix, Reply reply) {
+    for (auto &entry : replies_) {
+        if (entry.first == prefix) {
+            entry.second = std::move(reply);
+            return;
+        }
+    }
+    replies_.emplace_back(std::move(prefix), std::move(reply));
+}
+
+void Runner::answer(std::string prefix, std::string output, int status) {
+    answer(std::move(prefix), Reply{std::move(output), status, false});
+}
+
+std::vector<std::string> Runner::lines() const {
+    std::vector<std::string> out;
+    out.reserve(commands_.size());
+    for (const Command &c : commands_)
+        out.push_back(c.line);
+    return out;
+}
+
+void Runner::clear() {
+    commands_.clear();
+    signals_.clear();
+}
+
+Reply Runner::run(Command::Kind kind, std::string_view line) {
+    commands_.push_back({kind, std::string(line)});
+    const Reply *best = nullptr;
+    size_t best_len = 0;
+    for (const auto &[prefix, reply] : replies_) {
+        if (line.substr(0, prefix.size()) == prefix &&
+            (best == nullptr || prefix.size() > best_len)) {
+            best = &reply;
+            best_len = prefix.size();
+        }
+    }
+    return best != nullptr ? *best : Reply{};
+}
+
+// A stream that reads the canned output like a pipe. The text lives in the
+// canned-stream table until pclose(), so the memory stream can point into it.
+static FILE *canned_pipe(Reply reply) {
+    State &s = state();
+    if (reply.output.empty()) {
+        FILE *f = ::fopen("/dev/null", "r");
+        if (f != nullptr)
+            s.canned.emplace(f, State::Canned{nullptr, reply.status});
+        return f;
+    }
+    auto text = std::make_unique<std::string>(std::move(reply.output));
+    FILE *f = ::fmemopen(text->data(), text->size(), "r");
+    if (f != nullptr)
+        s.canned.emplace(f, State::Canned{std::move(text), reply.status});
+    return f;
+}
+
+void set_runner(Runner *r) {
+    state().runner = r;
+}
+
+Runner *runner() {
+    return state().runner;
+}
+
+int system(const char *line) {
+    if (faulted(Call::system))
+        return -1;
+    if (Runner *r = state().runner) {
+        Reply reply = r->run(Command::system, line != nullptr ? line : "");
+        return reply.fail ? -1 : reply.status;
+    }
+    return ::system(line);
+}
+
+FILE *popen(const char *line, const char *mode) {
+    if (faulted(Call::popen))
+        return nullptr;
+    if (Runner *r = state().runner) {
+        Reply reply = r->run(Command::pipe, line != nullptr ? line : "");
+        if (reply.fail) {
+            errno = EMFILE;
+            return nullptr;
+        }
+        return canned_pipe(std::move(reply));
+    }
+    return ::popen(line, mode);
+}
+
+int pclose(FILE *stream) {
+    State &s = state();
+    if (auto it = s.canned.find(stream); it != s.canned.end()) {
+        int status = it->second.status;
+        std::fclose(stream);
+        s.canned.erase(it);
+        return status;
+    }
+    return ::pclose(stream);
+}
+
+int kill(pid_t pid, int sig) {
+    if (faulted(Call::kill))
+        return -1;
+    if (Runner *r = state().runner) {
+        r->record_signal(pid, sig);
+        return 0;
+    }
+    return ::kill(pid, sig);
+}
+
+// ---- sockets and driver requests -------------------------------------------------
+
+void set_daemon_socket_path(std::string_view path) {
+    state().socket_path = std::string(path);
+}
+
+const std::string &daemon_socket_path() {
+    return state().socket_path;
+}
+
+int socket(int domain, int type, int protocol) {
+    if (faulted(Call::socket))
+        return -1;
+    return ::socket(domain, type, protocol);
+}
+
+int connect(int fd, const struct sockaddr *addr, socklen_t len) {
+    if (faulted(Call::connect))
+        return -1;
+    return ::connect(fd, addr, len);
+}
+
+ssize_t send(int fd, const void *buf, size_t len, int flags) {
+    if (faulted(Call::send))
+        return -1;
+    return ::send(fd, buf, len, flags);
+}
+
+ssize_t recv(int fd, void *buf, size_t len, int flags) {
+    if (faulted(Call::recv))
+        return -1;
+    return ::recv(fd, buf, len, flags);
+}
+
+void set_ioctl_handler(IoctlHandler handler) {
+    state().ioctl_handler = std::move(handler);
+}
+
+int ioctl(int fd, unsigned long request, void *arg) {
+    if (faulted(Call::ioctl))
+        return -1;
+    if (const IoctlHandler &h = state().ioctl_handler)
+        return h(fd, request, arg);
+    return ::ioctl(fd, request, arg);
+}
+
+// ---- time ------------------------------------------------------------------------
+
+void set_clock(Clock clock) {
+    state().clock = std::move(clock);
+}
+
+time_t time() {
+    if (const Clock &c = state().clock)
+        return c().tv_sec;
+    return ::time(nullptr);
+}
+
+int gettimeofday(struct timeval *tv) {
+    if (const Clock &c = state().clock) {
+        *tv = c();
+        return 0;
+    }
+    return ::gettimeofday(tv, nullptr);
+}
+
+// ---- faults ----------------------------------------------------------------------
+
+void fail_nth(Call kind, unsigned nth, int err) {
+    Fault &f = state().faults[static_cast<size_t>(kind)];
+    f = Fault{0, nth, false, err};
+    update_watching();
+}
+
+void fail_from(Call kind, unsigned nth, int err) {
+    Fault &f = state().faults[static_cast<size_t>(kind)];
+    f = Fault{0, nth, nth != 0, err};
+    update_watching();
+}
+
+unsigned calls(Call kind) {
+    return state().faults[static_cast<size_t>(kind)].calls;
+}
+
+void count_calls(bool on) {
+    state().counting = on;
+    update_watching();
+}
+
+void reset_faults() {
+    State &s = state();
+    s.faults.fill(Fault{});
+    s.counting = false;
+    update_watching();
+}
+
+void reset() {
+    State &s = state();
+    s.root.clear();
+    s.runner = nullptr;
+    s.socket_path = "/tmp/qorcfgd_socket";
+    s.ioctl_handler = nullptr;
+    s.clock = nullptr;
+    reset_faults();
+}
+
+}  // namespace qorcfg::os

@@ -1,0 +1,20 @@
+// store/print.h - diagnostics shared by the whole library.
+#pragma once
+
+#include "qorcfg/store.h"
+
+namespace qorcfg {
+
+// Writes "<DEBUG:function:line> " and the formatted text to standard error
+// while debugging is switched on (set_qorcfg_debug). Debug lines are an
+// explicit request, so they do not depend on "QORCFG_PRINT_ERR".
+void debug_line(const char *function, int line, const char *format, ...) QORCFG_PRINTF(3, 4);
+
+}  // namespace qorcfg
+
+// A debug line naming the calling function and source line.
+#define QORCFG_DEBUG(...)                                          \
+    do {                                                           \
+        if (enable_qorcfg_debug)                                   \
+            ::qorcfg::debug_line(__func__, __LINE__, __VA_ARGS__); \
+    } while (0)

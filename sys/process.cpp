@@ -1,0 +1,122 @@
+// sys/process.cpp - processes and one-shot shell commands: the process
+// finder, the shell runner every other part uses, the rc environment reader
+// and the first-line file reader.
+#include "sys/process.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "os/os.h"
+#include "qorcfg/store.h"
+#include "qorcfg/sys.h"
+
+namespace qorcfg {
+namespace {
+
+constexpr size_t kLineSize = 256;
+
+struct PipeCloser {
+    void operator()(FILE *f) const { os::pclose(f); }
+};
+using Pipe = std::unique_ptr<FILE, PipeCloser>;
+
+struct FileCloser {
+    void operator()(FILE *f) const { std::fclose(f); }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
+
+}  // namespace
+
+std::string format(const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    va_list again;
+    va_copy(again, ap);
+    int n = std::vsnprintf(nullptr, 0, fmt, ap);
+    va_end(ap);
+    std::string out;
+    if (n > 0) {
+        out.resize(static_cast<size_t>(n));
+        std::vsnprintf(out.data(), out.size() + 1, fmt, again);
+    }
+    va_end(again);
+    return out;
+}
+
+bool read_command_line(const char *line, std::string &out, size_t size) {
+    out.clear();
+    Pipe pipe(os::popen(line, "r"));
+    if (!pipe)
+        return false;
+    std::string buf(size, '\0');
+    if (std::fgets(buf.data(), static_cast<int>(size), pipe.get()) != nullptr)
+        out.assign(buf.c_str());
+    return true;
+}
+
+}  // namespace qorcfg
+
+using namespace qorcfg;
+
+extern "C" {
+
+QORCFG_API int get_pid(const char *name) {
+    Pipe ps(os::popen("/bin/ps", "r"));
+    if (!ps)
+        return -1;
+    int pid = 0;
+    char line[kLineSize];
+    // Every line that mentions the name anywhere counts, and the last one
+    // wins: callers rely on that, odd as it is for a process finder.
+    while (std::fgets(line, sizeof line, ps.get()) != nullptr) {
+        if (name == nullptr || std::strstr(line, name) == nullptr)
+            continue;
+        char *save = nullptr;
+        const char *first = strtok_r(line, " ", &save);
+        pid = first != nullptr ? std::atoi(first) : 0;
+    }
+    return pid;
+}
+
+QORCFG_API int qor_system(const char *line) {
+    if (line == nullptr)
+        return 1;
+    return os::system(line);
+}
+
+QORCFG_API char *get_rc_env(const char *name, char *buf, int size) {
+    if (buf != nullptr && size > 0)
+        buf[0] = '\0';
+    if (name == nullptr || name[0] == '\0' || buf == nullptr || size <= 0)
+        return nullptr;
+    std::string value;
+    if (!read_command_line(format(". /etc/rc.d/rc.env; echo -n \"$%s\"", name).c_str(), value))
+        return nullptr;
+    if (static_cast<size_t>(size) < kLineSize && value.size() > static_cast<size_t>(size) - 1)
+        value.resize(static_cast<size_t>(size) - 1);
+    std::memcpy(buf, value.c_str(), value.size() + 1);
+    return buf;
+}
+
+QORCFG_API int get_file_content(const char *path, char *buf) {
+    File file(path != nullptr && buf != nullptr ? os::fopen(path, "r") : nullptr);
+    if (!file) {
+        qorcfg_print("can not open file : %s\n", path != nullptr ? path : "(null)");
+        return -11;
+    }
+    buf[0] = '\0';
+    if (std::fgets(buf, static_cast<int>(kLineSize), file.get()) == nullptr)
+        buf[0] = '\0';
+    // The kernel's version line is cut before its build details, leaving the
+    // kernel's name and release with the blank before "(".
+    if (std::strcmp(path, "/proc/version") == 0) {
+        if (char *paren = std::strchr(buf, '('))
+            *paren = '\0';
+    }
+    return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,47 @@
+# Checks the shared library: its soname is libqorcfg.so.1, and every symbol it
+# defines for other programs is a name the exported header declares.
+#   cmake -DLIB=... -DNM=... -DREADELF=... -DINCLUDE_DIR=... -DSCRATCH=... -P check_exports.cmake
+cmake_minimum_required(VERSION 3.25)
+execute_process(COMMAND ${READELF} -d ${LIB} OUTPUT_VARIABLE dynamic RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "${READELF} -d failed on ${LIB}")
+endif()
+if(NOT dynamic MATCHES "\\(SONAME\\)[^\n]*\\[libqorcfg\\.so\\.1\\]")
+  message(FATAL_ERROR "soname is not libqorcfg.so.1:\n${dynamic}")
+endif()
+
+file(MAKE_DIRECTORY ${SCRATCH})
+set(names_file ${SCRATCH}/exported-names.txt)
+execute_process(COMMAND ${CMAKE_COMMAND} -DLIST=${names_file} -DINCLUDE_DIR=${INCLUDE_DIR}
+                        -P ${CMAKE_CURRENT_LIST_DIR}/../cmake/export_map.cmake
+                RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "cannot list the header's names")
+endif()
+file(STRINGS ${names_file} declared)
+
+execute_process(COMMAND ${NM} -D --defined-only ${LIB} OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "${NM} -D --defined-only failed on ${LIB}")
+endif()
+string(REPLACE "\n" ";" lines "${symbols}")
+set(unexpected)
+set(count 0)
+foreach(line IN LISTS lines)
+  if(line MATCHES "^[0-9a-fA-F]* *([A-Za-z]) ([^ @]+)")
+    set(kind ${CMAKE_MATCH_1})
+    set(sym ${CMAKE_MATCH_2})
+    if(kind STREQUAL "A")  # the version node itself
+      continue()
+    endif()
+    math(EXPR count "${count} + 1")
+    if(NOT sym IN_LIST declared)
+      list(APPEND unexpected ${sym})
+    endif()
+  endif()
+endforeach()
+if(unexpected)
+  list(JOIN unexpected "\n  " shown)
+  message(FATAL_ERROR "exported but not declared in the header:\n  ${shown}")
+endif()
+message(STATUS "${count} exported symbols, all declared in the header")

@@ -1,0 +1,113 @@
+// tests/support/sandbox.cpp - temporary device roots, recorded commands and
+// output capture for the tests.
+#include "tests/support/sandbox.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+namespace qorcfg::test {
+
+std::string scratch_dir() {
+    const char *env = std::getenv("QORCFG_TEST_SCRATCH");
+    std::string dir = env != nullptr && env[0] != '\0' ? env : QORCFG_TEST_SCRATCH;
+    fs::create_directories(dir);
+    return dir;
+}
+
+Sandbox::Sandbox() {
+    std::string pattern = scratch_dir() + "/root-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr)
+        throw std::runtime_error("cannot create sandbox under " + scratch_dir());
+    root_ = pattern;
+    for (const char *dir : {"/tmp", "/var/lock", "/var/run", "/etc/rc.d", "/conf", "/proc"})
+        mkdir(dir);
+    os::reset();
+    os::set_root(root_);
+    os::set_runner(&runner_);
+}
+
+Sandbox::~Sandbox() {
+    os::reset();
+    std::error_code ec;
+    fs::remove_all(root_, ec);
+}
+
+std::string Sandbox::path(std::string_view device_path) const {
+    return root_ + std::string(device_path);
+}
+
+void Sandbox::write(std::string_view device_path, std::string_view content) const {
+    fs::path p = path(device_path);
+    fs::create_directories(p.parent_path());
+    std::ofstream out(p, std::ios::binary | std::ios::trunc);
+    out.write(content.data(), static_cast<std::streamsize>(content.size()));
+    if (!out)
+        throw std::runtime_error("cannot write " + p.string());
+}
+
+std::string Sandbox::read(std::string_view device_path) const {
+    std::ifstream in(path(device_path), std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+bool Sandbox::exists(std::string_view device_path) const {
+    std::error_code ec;
+    return fs::exists(fs::symlink_status(path(device_path), ec));
+}
+
+void Sandbox::mkdir(std::string_view device_path) const {
+    fs::create_directories(path(device_path));
+}
+
+void Sandbox::remove(std::string_view device_path) const {
+    std::error_code ec;
+    fs::remove_all(path(device_path), ec);
+}
+
+void Sandbox::answer(std::string prefix, std::string output, int status) {
+    runner_.answer(std::move(prefix), std::move(output), status);
+}
+
+CaptureOutput::CaptureOutput(int fd) : fd_(fd) {
+    std::string pattern = scratch_dir() + "/capture-XXXXXX";
+    int tmp = ::mkstemp(pattern.data());
+    if (tmp < 0)
+        throw std::runtime_error("cannot create capture file");
+    file_ = pattern;
+    std::fflush(nullptr);
+    saved_ = ::dup(fd_);
+    ::dup2(tmp, fd_);
+    ::close(tmp);
+}
+
+CaptureOutput::~CaptureOutput() {
+    text();
+}
+
+std::string CaptureOutput::text() {
+    if (!done_) {
+        std::fflush(nullptr);
+        ::dup2(saved_, fd_);
+        ::close(saved_);
+        std::ifstream in(file_, std::ios::binary);
+        std::ostringstream all;
+        all << in.rdbuf();
+        text_ = all.str();
+        std::remove(file_.c_str());
+        done_ = true;
+    }
+    return text_;
+}
+
+}  // namespace qorcfg::test
