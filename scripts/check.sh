@@ -27,4 +27,7 @@ for preset in "${presets[@]}"; do
     cmake --preset "$preset"
     cmake --build --preset "$preset"
     ctest --preset "$preset"
+    if [ "$preset" = default ]; then
+        scripts/valgrind.sh build/default
+    fi
 done
