@@ -30,5 +30,6 @@ if(DEFINED LIST)
   file(WRITE ${LIST} "${body}\n")
 else()
   list(JOIN names ";\n    " body)
-  file(WRITE ${OUT} "QORCFG_1 {\n  global:\n    ${body};\n  local:\n    *;\n};\n")
+  # An anonymous version node: the exported names carry no symbol version.
+  file(WRITE ${OUT} "{\n  global:\n    ${body};\n  local:\n    *;\n};\n")
 endif()

@@ -48,8 +48,8 @@ void debug_line(const char *function, int line, const char *format, ...) {
     // One buffer, one write: lines of concurrent processes do not interleave.
     char text[1024];
     int head = std::snprintf(text, sizeof text, "<DEBUG:%s:%d> ", function, line);
-    if (head < 0)
-        return;
+    if (head < 0 || static_cast<size_t>(head) >= sizeof text - 1)
+        head = 0, text[0] = '\0';
     va_list ap;
     va_start(ap, format);
     va_list again;

@@ -24,11 +24,11 @@ bool target_refused(const char *target) {
 
 // Start `line` (which ends in "& echo $!") and return the background job's
 // process ID through `pid`: 0, or -8 when it did not start.
-int start_job(const std::string &line, int *pid) {
-    std::string out;
-    if (!qorcfg::read_command_line(line.c_str(), out))
+int start_job(const qorcfg::CString &line, int *pid) {
+    char out[256];
+    if (!qorcfg::read_command_line(line.get(), out, sizeof out))
         return -8;
-    int job = std::atoi(out.c_str());
+    int job = std::atoi(out);
     if (job <= 0)
         return -8;
     if (pid != nullptr)
@@ -43,7 +43,10 @@ extern "C" {
 QORCFG_API int qor_ping(const char *target) {
     if (target_refused(target))
         return -8;
-    qor_system(qorcfg::format("%s -c 5 %s > %s 2>&1 &", kPing, target, kPingResult).c_str());
+    qorcfg::CString line = qorcfg::format("%s -c 5 %s > %s 2>&1 &", kPing, target, kPingResult);
+    if (!line)
+        return -8;  // out of memory: the job cannot be started
+    qor_system(line.get());
     return 0;
 }
 

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "os/os.h"
 #include "qorcfg/store.h"
@@ -30,30 +29,29 @@ using File = std::unique_ptr<FILE, FileCloser>;
 
 }  // namespace
 
-std::string format(const char *fmt, ...) {
+CString format(const char *fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
     va_list again;
     va_copy(again, ap);
     int n = std::vsnprintf(nullptr, 0, fmt, ap);
     va_end(ap);
-    std::string out;
-    if (n > 0) {
-        out.resize(static_cast<size_t>(n));
-        std::vsnprintf(out.data(), out.size() + 1, fmt, again);
-    }
+    CString out;
+    if (n >= 0)
+        out.reset(static_cast<char *>(os::malloc(static_cast<size_t>(n) + 1)));
+    if (out)
+        std::vsnprintf(out.get(), static_cast<size_t>(n) + 1, fmt, again);
     va_end(again);
     return out;
 }
 
-bool read_command_line(const char *line, std::string &out, size_t size) {
-    out.clear();
-    Pipe pipe(os::popen(line, "r"));
+bool read_command_line(const char *line, char *buf, size_t size) {
+    buf[0] = '\0';
+    Pipe pipe(line != nullptr ? os::popen(line, "r") : nullptr);
     if (!pipe)
         return false;
-    std::string buf(size, '\0');
-    if (std::fgets(buf.data(), static_cast<int>(size), pipe.get()) != nullptr)
-        out.assign(buf.c_str());
+    if (std::fgets(buf, static_cast<int>(size), pipe.get()) == nullptr)
+        buf[0] = '\0';
     return true;
 }
 
@@ -92,12 +90,13 @@ QORCFG_API char *get_rc_env(const char *name, char *buf, int size) {
         buf[0] = '\0';
     if (name == nullptr || name[0] == '\0' || buf == nullptr || size <= 0)
         return nullptr;
-    std::string value;
-    if (!read_command_line(format(". /etc/rc.d/rc.env; echo -n \"$%s\"", name).c_str(), value))
+    char value[kLineSize];
+    if (!read_command_line(format(". /etc/rc.d/rc.env; echo -n \"$%s\"", name).get(), value,
+                           sizeof value))
         return nullptr;
-    if (static_cast<size_t>(size) < kLineSize && value.size() > static_cast<size_t>(size) - 1)
-        value.resize(static_cast<size_t>(size) - 1);
-    std::memcpy(buf, value.c_str(), value.size() + 1);
+    if (static_cast<size_t>(size) < kLineSize)
+        value[size - 1] = '\0';
+    std::strcpy(buf, value);
     return buf;
 }
 

@@ -1,6 +1,8 @@
-# Checks the shared library: its soname is libqorcfg.so.1, and every symbol it
-# defines for other programs is a name the exported header declares.
-#   cmake -DLIB=... -DNM=... -DREADELF=... -DINCLUDE_DIR=... -DSCRATCH=... -P check_exports.cmake
+# Checks the shared library: its soname is libqorcfg.so.1, every symbol it
+# defines for other programs is a name the exported header declares, and
+# every declared name that the library's objects define is exported.
+#   cmake -DLIB=... -DARCHIVE=... -DNM=... -DREADELF=... -DINCLUDE_DIR=... -DSCRATCH=...
+#         -P check_exports.cmake
 cmake_minimum_required(VERSION 3.25)
 execute_process(COMMAND ${READELF} -d ${LIB} OUTPUT_VARIABLE dynamic RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
@@ -26,6 +28,7 @@ if(NOT rc EQUAL 0)
 endif()
 string(REPLACE "\n" ";" lines "${symbols}")
 set(unexpected)
+set(exported)
 set(count 0)
 foreach(line IN LISTS lines)
   if(line MATCHES "^[0-9a-fA-F]* *([A-Za-z]) ([^ @]+)")
@@ -35,6 +38,7 @@ foreach(line IN LISTS lines)
       continue()
     endif()
     math(EXPR count "${count} + 1")
+    list(APPEND exported ${sym})
     if(NOT sym IN_LIST declared)
       list(APPEND unexpected ${sym})
     endif()
@@ -43,5 +47,26 @@ endforeach()
 if(unexpected)
   list(JOIN unexpected "\n  " shown)
   message(FATAL_ERROR "exported but not declared in the header:\n  ${shown}")
+endif()
+
+# Declared names defined in the objects must be exported (a definition
+# without QORCFG_API, or outside extern "C", would be hidden or mangled).
+execute_process(COMMAND ${NM} -g --defined-only ${ARCHIVE} OUTPUT_VARIABLE archived RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "${NM} -g --defined-only failed on ${ARCHIVE}")
+endif()
+string(REPLACE "\n" ";" lines "${archived}")
+set(hidden)
+foreach(line IN LISTS lines)
+  if(line MATCHES "^[0-9a-fA-F]* *[A-Za-z] ([^ ]+)$")
+    set(sym ${CMAKE_MATCH_1})
+    if(sym IN_LIST declared AND NOT sym IN_LIST exported)
+      list(APPEND hidden ${sym})
+    endif()
+  endif()
+endforeach()
+if(hidden)
+  list(JOIN hidden "\n  " shown)
+  message(FATAL_ERROR "declared and defined but not exported:\n  ${shown}")
 endif()
 message(STATUS "${count} exported symbols, all declared in the header")

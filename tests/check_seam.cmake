@@ -3,8 +3,9 @@
 #   cmake -DSOURCE_DIR=... -P check_seam.cmake
 cmake_minimum_required(VERSION 3.25)
 set(dirs xml store change apply validate backup sys wlan)
-set(calls fopen open popen pclose system kill unlink access readlink opendir chdir rename flock
-          socket connect send recv ioctl mmap)
+set(calls fopen freopen fdopen open creat popen pclose system kill unlink remove rmdir mkdir
+          access stat lstat readlink symlink opendir chdir rename truncate flock socket connect
+          send recv ioctl mmap time gettimeofday)
 list(JOIN calls "|" alternatives)
 # Calls through the seam are renamed first; what is left, plain, "::" or
 # "std::" qualified, is a direct call. Member calls (.open, ->send) are not.

@@ -45,6 +45,7 @@
 #define QORCFG_ERR_PENDING (-14)           /* another change set is pending */
 #define QORCFG_ERR_MAX (-15)               /* index at or beyond the parent's "max" */
 #define QORCFG_ERR_REBOOT (-17)            /* a radio change needs a reboot */
+#define QORCFG_ERR_DAEMON (-10001)         /* daemon: transport failure */
 #define QORCFG_ERR_DAEMON_SOCKET (-10002)  /* daemon: socket not created */
 #define QORCFG_ERR_DAEMON_CONNECT (-10003) /* daemon: not running */
 #define QORCFG_ERR_DAEMON_SEND (-10004)    /* daemon: request not sent */

@@ -125,7 +125,9 @@ QORCFG_API ezxml_node *init_qorcfg_direct(void);
 QORCFG_API qorcfg_handle *init_qorcfg_f(const char *path);
 /* Parse that file now under its lock. NULL on failure. */
 QORCFG_API ezxml_node *init_qorcfg_f_direct(const char *path);
-/* Open one group's element (by name, by path containing "qorconfig.", or by gid) of `file`. */
+/* Open one group's element (by name, by path containing "qorconfig.", or by gid) of `file`
+ * (NULL or "" = the flash copy); the working copy and the current configuration give the
+ * network-mode or shared handle, which covers the whole document. */
 QORCFG_API qorcfg_handle *init_sub_qorcfg(const char *group, uint32_t gid, const char *file);
 /* Parse only that group's element now (NULL file = working copy). NULL on failure. */
 QORCFG_API ezxml_node *init_sub_qorcfg_direct(const char *group, uint32_t gid, const char *file);
@@ -150,7 +152,8 @@ QORCFG_API int reset_qorcfg(void);
 
 /* Tag names of the handle's node's children (value NULL; index -1 for a single member). */
 QORCFG_API qorcfg_attr *qorcfg_list_all_child(qorcfg_handle *handle);
-/* Children of the element at `path`; spends the caller's document (see the manual). */
+/* Children of the element at `path`. The element found is then freed out of the caller's
+ * document, with its subtree and the elements after it in document order. */
 QORCFG_API qorcfg_attr *list_child_by_path(qorcfg_handle *handle, const char *path);
 /* Children of the element of group `name`. */
 QORCFG_API qorcfg_attr *list_child_by_str(qorcfg_handle *handle, const char *name);
@@ -166,7 +169,8 @@ QORCFG_API qorcfg_group *group_by_name(const char *name);
 /* Row whose path equals `path`, or NULL. */
 QORCFG_API qorcfg_group *group_by_path(const char *path);
 
-/* ---- item lookups: 0, or -1 no handle/tree/element, -3 unknown group, -4 no item ---- */
+/* ---- item lookups: 0, or -1 no handle/tree/element, -2 out of memory, -3 unknown group or
+ * missing prefix, -4 no item or buffer ---- */
 
 /* Local read of item `item` under `prefix` ("qorconfig", a group name, or a dotted path). */
 QORCFG_API int get_cfg_item_by_prefix_direct(qorcfg_handle *handle, const char *prefix,
@@ -243,8 +247,8 @@ QORCFG_API int free_item_list(qorcfg_item *list);
 
 /* ---- attribute lists (NULL on every failure; caller frees with free_attr_list) ---- */
 
-/* Local read of group `gid` (sub: a path below the root element; flags bit 1: own
- * attributes only, bit 2: handle holds the group's element). */
+/* Local read of group `gid` (sub: a path below the root element's name). Flags > 0:
+ * children are not visited; bit value 2: the handle is first switched to the group's element. */
 QORCFG_API qorcfg_attr *get_attr_list_by_gid_direct_f(qorcfg_handle *handle, uint32_t gid,
                                                       const char *sub, int flags);
 /* get_attr_list_by_gid_direct_f with flags -1. */
@@ -255,7 +259,8 @@ QORCFG_API qorcfg_attr *get_attr_list_by_gid_s(qorcfg_handle *handle, uint32_t g
                                                int flags);
 /* Daemon first; unreachable daemon: the whole local configuration. */
 QORCFG_API qorcfg_attr *get_attr_list_by_gid(qorcfg_handle *handle, uint32_t gid, const char *sub);
-/* Local read of group `name` (children are visited only with flags <= 0 and bit 1 clear). */
+/* Local read of group `name` (sub: a path below the group's path); flags are reduced to
+ * bit value 1, so children are visited unless that bit is set. */
 QORCFG_API qorcfg_attr *get_attr_list_by_group_name_direct_f(qorcfg_handle *handle,
                                                              const char *name, const char *sub,
                                                              int flags);

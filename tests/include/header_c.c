@@ -1,6 +1,6 @@
-/* The exported header compiles as strict C11, and every record keeps its
- * documented field order, offsets and size on this target. Everything is
- * checked at compile time; the program only proves that it links. */
+/* The exported header compiles as strict C11, every record keeps its
+ * documented field order, offsets and size on this target (checked at
+ * compile time), and a C program links the shared library and calls it. */
 #include <stddef.h>
 
 #include "qorcfg.h"

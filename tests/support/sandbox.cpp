@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -33,6 +34,13 @@ Sandbox::Sandbox() {
     os::reset();
     os::set_root(root_);
     os::set_runner(&runner_);
+    // Nothing reaches the host: the daemon socket lives in the sandbox and
+    // driver requests fail unless a test answers them.
+    os::set_daemon_socket_path(root_ + "/tmp/qorcfgd_socket");
+    os::set_ioctl_handler([](int, unsigned long, void *) {
+        errno = ENOTTY;
+        return -1;
+    });
 }
 
 Sandbox::~Sandbox() {
