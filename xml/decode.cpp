@@ -29,6 +29,8 @@ char *const kPredefinedEntities[kPredefinedStrings + 1] = {const_cast<char *>("l
 long find_entity(char **ent, const char *ref) {
     for (long i = 0; ent[i] != nullptr; i += 2) {
         const char *name = ent[i];
+        if (name[0] != ref[0])
+            continue;
         size_t n = std::strlen(name);
         if (std::strncmp(ref, name, n) == 0)
             return i;

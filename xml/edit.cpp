@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "os/os.h"
+#include "xml/pool.h"
 #include "xml/tree.h"
 
 namespace qorcfg::xml {
@@ -31,7 +32,7 @@ bool make_resizable(ezxml_node *xml, size_t pairs) {
         return false;
     std::memcpy(copy, own, pairs + 1);
     copy[pairs + 1] = kOwnSeparate;
-    if (where == kOwnInNode) {  // the pointers move out of the node too
+    if (where == kOwnInNode || where == kOwnInNodeNone) {  // the pointers leave the node too
         auto **array = static_cast<char **>(os::malloc((2 * pairs + 2) * sizeof(char *)));
         if (array == nullptr) {
             std::free(copy);
@@ -291,6 +292,8 @@ QORCFG_API ezxml_node *ezxml_set_attr(ezxml_node *xml, const char *name, const c
         std::free(attr[2 * i + 1]);
     bits = copies ? (bits | kOwnValueBit) : (bits & ~kOwnValueBit);
     own[i] = static_cast<char>(bits);
+    if (own[pairs + 1] == kOwnInNodeNone && (bits & (kOwnValueBit | kOwnNameBit)) != 0)
+        own[pairs + 1] = kOwnInNode;
     if (value != nullptr) {
         attr[2 * i + 1] = const_cast<char *>(value);
     } else {
@@ -362,6 +365,8 @@ QORCFG_API void ezxml_free_attr(char **attr) {
         return;
     size_t pairs = attr_pairs(attr);
     char *own = attr_owner(attr, pairs);
+    if (own[pairs + 1] == kOwnInNodeNone)
+        return;  // nothing owned, and the list goes with its node
     for (size_t i = 0; i < pairs; ++i) {
         auto bits = static_cast<unsigned char>(own[i]);
         if (bits & kOwnNameBit)
@@ -398,18 +403,19 @@ QORCFG_API void ezxml_free(ezxml_node *xml) {
     };
     push(xml->child);
     push(xml->ordered);
+    NodeReleaser releaser;
     while (pending != nullptr) {
         ezxml_node *n = pending;
         pending = n->parent;
         push(n->child);
         push(n->ordered);
         free_node_data(n);
-        std::free(n);
+        releaser.release(n);
     }
     if (document)
         free_document_data(reinterpret_cast<ezxml_root *>(xml));
     free_node_data(xml);
-    std::free(xml);
+    releaser.release(xml);
 }
 
 }  // extern "C"

@@ -18,6 +18,7 @@
 #include <cstring>
 
 #include "os/os.h"
+#include "xml/pool.h"
 #include "xml/tree.h"
 
 namespace qorcfg::xml {
@@ -75,11 +76,27 @@ constexpr CharSet kClosingNameEnd = make_set("\t\r\n >");
 // are squeezed).
 constexpr CharSet kTextSpecial = make_set("&\r");
 constexpr CharSet kValueSpecial = make_set("&\r\n\t");
+// Where scanning a value or a text must look closer.
+constexpr CharSet kValueStop = make_set("&\r\n\t\"'");
+constexpr CharSet kTextStop = make_set("&\r<");
 
+// The first byte of `p` that is in `set` (every set holds the zero), four
+// bytes a step where it can.
 inline char *skip_to(char *p, const CharSet &set) {
-    while (!set.in[static_cast<unsigned char>(*p)])
+    auto in = [&set](char c) { return set.in[static_cast<unsigned char>(c)]; };
+    while (!in(p[0]) && !in(p[1]) && !in(p[2]) && !in(p[3]))
+        p += 4;
+    while (!in(*p))
         ++p;
     return p;
+}
+
+inline bool same_name(const char *a, const char *b) {
+    while (*a == *b && *a != '\0') {
+        ++a;
+        ++b;
+    }
+    return *a == *b;
 }
 
 inline char *skip_spaces(char *p) {
@@ -193,6 +210,13 @@ public:
     }
 
     size_t size() const { return n_; }
+    bool owns_any() const {
+        for (size_t i = 0; i < n_; ++i) {
+            if (entries_[i].own != kOwnNone)
+                return true;
+        }
+        return false;
+    }
 
     // Writes the list in its final layout into `block` (attr_block_size
     // bytes): the pointers, then the ownership string marked `where`. The
@@ -254,7 +278,11 @@ private:
 class Parser {
 public:
     Parser(ezxml_root *root, char *s, size_t len)
-        : root_(root), end_(s + len - 1), last_(*end_), budget_{4 * len + (size_t{1} << 20)} {
+        : root_(root),
+          end_(s + len - 1),
+          last_(*end_),
+          budget_{4 * len + (size_t{1} << 20)},
+          pool_(len) {
         *end_ = '\0';
     }
     ~Parser() {
@@ -277,7 +305,13 @@ private:
         size_t pieces;      // its first piece on the piece stack
         ezxml_node *last;   // last child in document order
         ezxml_node *group;  // first member of the last name group
+        // The children's name groups (a tail may lag behind its group's
+        // end): kept here while there are few, in the index beyond that.
+        static constexpr size_t kFew = 8;
+        ezxml_node *tails[kFew];
+        size_t groups;  // in `tails`, or kIndexed
     };
+    static constexpr size_t kIndexed = SIZE_MAX;
 
     // A piece of character content waiting for its element to close.
     struct Piece {
@@ -293,6 +327,7 @@ private:
     bool ends_with_gt(const char *p) const { return p == end_ && last_ == '>'; }
     bool open_element(ezxml_node *node);
     ezxml_node *new_child(char *name, AttrBuilder &attrs);
+    ezxml_node **group_tail(Frame &f, const char *name);
     bool close_element();
     bool join_text(Frame &f);
     bool add_text(char *s, size_t len, char type);
@@ -313,6 +348,7 @@ private:
     char *end_;  // position of the document's last byte (now a zero)
     char last_;  // what that byte was
     ExpansionBudget budget_;
+    NodePool pool_;
     GroupIndex groups_;
     Frame *frames_ = nullptr;
     size_t depth_ = 0;
@@ -359,7 +395,13 @@ bool Parser::open_element(ezxml_node *node) {
         frames_ = frames;
         frames_cap_ = cap;
     }
-    frames_[depth_++] = Frame{node, 0, npieces_, nullptr, nullptr};
+    Frame &f = frames_[depth_++];
+    f.node = node;
+    f.txt_len = 0;
+    f.pieces = npieces_;
+    f.last = nullptr;
+    f.group = nullptr;
+    f.groups = 0;
     return true;
 }
 
@@ -370,28 +412,29 @@ ezxml_node *Parser::new_child(char *name, AttrBuilder &attrs) {
     // The node and its attribute list share one allocation.
     size_t n = attrs.size();
     size_t bytes = sizeof(ezxml_node) + (n > 0 ? attr_block_size(n) : 0);
-    auto *node = static_cast<ezxml_node *>(os::malloc(bytes));
+    auto *node = static_cast<ezxml_node *>(pool_.allocate(bytes, static_cast<size_t>(end_ - name)));
     if (node == nullptr)
         return nullptr;
     std::memset(node, 0, sizeof(ezxml_node));
     node->name = name;
-    node->attr = n > 0 ? attrs.write(node + 1, kOwnInNode) : EZXML_NIL;
+    node->attr =
+        n > 0 ? attrs.write(node + 1, attrs.owns_any() ? kOwnInNode : kOwnInNodeNone) : EZXML_NIL;
     node->txt = kEmpty;
     node->off = f.txt_len;
     node->parent = f.node;
-    if (f.last != nullptr && std::strcmp(f.last->name, name) == 0) {
+    if (f.last != nullptr && same_name(f.last->name, name)) {
         // Runs of like-named children (lists) take the fastest path; the
         // index's tail of this group is brought up to date when the group
         // is resumed after another one.
         f.last->next = node;
     } else {
-        size_t slot = groups_.find(f.node, name);
-        if (slot == SIZE_MAX) {
+        ezxml_node **slot = group_tail(f, name);
+        if (slot == nullptr) {
             ezxml_free_attr(node->attr);
-            std::free(node);
+            pool_.undo(node, bytes);
             return nullptr;
         }
-        ezxml_node *&tail = groups_.tail(slot);
+        ezxml_node *&tail = *slot;
         if (tail != nullptr) {
             while (tail->next != nullptr)  // each member is stepped over once
                 tail = tail->next;
@@ -410,6 +453,31 @@ ezxml_node *Parser::new_child(char *name, AttrBuilder &attrs) {
         f.node->child = node;
     f.last = node;
     return node;
+}
+
+// Where the tail of the name group `name` among `f`'s children is kept: its
+// slot (holding NULL for a new group), or NULL when memory runs out.
+ezxml_node **Parser::group_tail(Frame &f, const char *name) {
+    if (f.groups != kIndexed) {
+        for (size_t i = 0; i < f.groups; ++i) {
+            if (same_name(f.tails[i]->name, name))
+                return &f.tails[i];
+        }
+        if (f.groups < Frame::kFew) {
+            f.tails[f.groups] = nullptr;
+            return &f.tails[f.groups++];
+        }
+        // Many names under one parent: from now on in the index.
+        for (size_t i = 0; i < f.groups; ++i) {
+            size_t slot = groups_.find(f.node, f.tails[i]->name);
+            if (slot == SIZE_MAX)
+                return nullptr;
+            groups_.tail(slot) = f.tails[i];
+        }
+        f.groups = kIndexed;
+    }
+    size_t slot = groups_.find(f.node, name);
+    return slot != SIZE_MAX ? &groups_.tail(slot) : nullptr;
 }
 
 // Joins the pieces of `f`'s text into its txt: leading pieces that decoded
@@ -549,11 +617,12 @@ char *Parser::element(char *p) {
                 char *v = p + 1;
                 char *close = v;
                 bool dirty = false;
-                for (;; ++close) {
-                    unsigned char ch = static_cast<unsigned char>(*close);
-                    if (ch == static_cast<unsigned char>(quote) || ch == 0)
+                for (;;) {
+                    close = skip_to(close, kValueStop);
+                    if (*close == quote || *close == '\0')
                         break;
-                    dirty |= kValueSpecial.in[ch];
+                    dirty |= kValueSpecial.in[static_cast<unsigned char>(*close)];
+                    ++close;
                 }
                 if (*close == '\0')
                     return (error(tag, "missing %c", quote), nullptr);
@@ -1061,12 +1130,14 @@ ezxml_node *Parser::run(char *s) {
         // markup is ignored.
         char *q = p;
         bool dirty = false;
-        unsigned char ch;
-        while ((ch = static_cast<unsigned char>(*q)) != '<' && ch != 0) {
-            dirty |= kTextSpecial.in[ch];
+        for (;;) {
+            q = skip_to(q, kTextStop);
+            if (*q == '<' || *q == '\0')
+                break;
+            dirty = true;  // '&' or CR
             ++q;
         }
-        if (ch == 0)
+        if (*q == '\0')
             break;
         if (q > p && !add_text(p, static_cast<size_t>(q - p), dirty ? '&' : 0))
             return budget_.exceeded ? error(p, "entity expansion limit exceeded")

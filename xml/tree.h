@@ -28,6 +28,9 @@ constexpr unsigned char kOwnNameBit = EZXML_NAME_OWNED;  // 0x80
 constexpr char kOwnSeparate = 0;
 constexpr char kOwnInline = 1;
 constexpr char kOwnInNode = 2;
+// As kOwnInNode, and the list owns none of its strings, so freeing it has
+// nothing to do.
+constexpr char kOwnInNodeNone = 3;
 
 // Bytes of a list with `pairs` attributes laid out in one block: pointers,
 // then the ownership string with its zero and its marker.

@@ -17,7 +17,17 @@ namespace {
 struct EscapeTable {
     const char *text[256];
     const char *attr[256];
+    bool text_stop[256];           // escaped in texts, or the terminating zero
+    bool attr_stop[256];           // escaped in attribute values, or the terminating zero
+    unsigned char length[256][2];  // of the text [0] and attribute [1] escapes
 };
+
+constexpr unsigned char length_of(const char *s) {
+    unsigned char n = 0;
+    while (s != nullptr && s[n] != '\0')
+        ++n;
+    return n;
+}
 
 constexpr EscapeTable make_escapes() {
     EscapeTable t{};
@@ -30,6 +40,12 @@ constexpr EscapeTable make_escapes() {
     t.attr[static_cast<unsigned char>('"')] = "&quot;";
     t.attr[static_cast<unsigned char>('\n')] = "&#xA;";
     t.attr[static_cast<unsigned char>('\t')] = "&#x9;";
+    for (int i = 0; i < 256; ++i) {
+        t.text_stop[i] = i == 0 || t.text[i] != nullptr;
+        t.attr_stop[i] = i == 0 || t.attr[i] != nullptr;
+        t.length[i][0] = length_of(t.text[i]);
+        t.length[i][1] = length_of(t.attr[i]);
+    }
     return t;
 }
 
@@ -39,7 +55,8 @@ constexpr EscapeTable kEscapes = make_escapes();
 // and the result is NULL.
 class Out {
 public:
-    Out() : buf_(static_cast<char *>(os::malloc(EZXML_BUFSIZE))), cap_(EZXML_BUFSIZE) {
+    explicit Out(size_t cap = EZXML_BUFSIZE)
+        : buf_(static_cast<char *>(os::malloc(cap))), cap_(cap) {
         if (buf_ != nullptr)
             buf_[0] = '\0';
     }
@@ -48,26 +65,68 @@ public:
     void put(const char *s, size_t n) {
         if (!reserve(n))
             return;
-        std::memcpy(buf_ + len_, s, n);
+        if (n <= 8) {  // markup pieces: cheaper than a call
+            for (size_t i = 0; i < n; ++i)
+                buf_[len_ + i] = s[i];
+        } else {
+            std::memcpy(buf_ + len_, s, n);
+        }
         len_ += n;
     }
-    void put(const char *s) { put(s, std::strlen(s)); }
-    void put(char c) { put(&c, 1); }
-
-    // Escapes at most `n` bytes of `s`, stopping at a zero.
-    void escape(const char *s, size_t n, bool attribute) {
-        const char *const *table = attribute ? kEscapes.attr : kEscapes.text;
-        const char *run = s;
+    void put(char c) {
+        if (len_ + 2 <= cap_ || reserve(1))
+            buf_[len_++] = c;
+    }
+    // A zero-terminated text such as a tag or attribute name, copied as it
+    // is measured.
+    void put(const char *s) {
+        constexpr size_t kShort = 32;
+        if (!reserve(kShort))
+            return;
         size_t i = 0;
-        for (; i < n && s[i] != '\0'; ++i) {
-            const char *entity = table[static_cast<unsigned char>(s[i])];
-            if (entity == nullptr)
-                continue;
-            put(run, static_cast<size_t>(s + i - run));
-            put(entity);
-            run = s + i + 1;
+        while (i < kShort && s[i] != '\0') {
+            buf_[len_ + i] = s[i];
+            ++i;
         }
-        put(run, static_cast<size_t>(s + i - run));
+        len_ += i;
+        if (i == kShort)
+            put(s + kShort, std::strlen(s + kShort));
+    }
+
+    // Escapes at most `n` bytes of `s`, stopping at a zero. One pass: each
+    // byte is looked up and stored, in chunks that always have room for the
+    // longest escape of every byte.
+    void escape(const char *s, size_t n, bool attribute) {
+        constexpr size_t kChunk = 64;
+        constexpr size_t kLongest = 6;  // "&quot;"
+        const char *const *table = attribute ? kEscapes.attr : kEscapes.text;
+        const bool *stop = attribute ? kEscapes.attr_stop : kEscapes.text_stop;
+        while (n > 0) {
+            if (!reserve(kChunk * kLongest))
+                return;
+            char *out = buf_ + len_;
+            size_t limit = n < kChunk ? n : kChunk;
+            size_t i = 0;
+            for (; i < limit; ++i) {
+                auto c = static_cast<unsigned char>(s[i]);
+                if (!stop[c]) {
+                    *out++ = static_cast<char>(c);
+                    continue;
+                }
+                if (c == 0) {
+                    len_ = static_cast<size_t>(out - buf_);
+                    return;
+                }
+                const char *entity = table[c];
+                size_t len = kEscapes.length[c][attribute];
+                for (size_t k = 0; k < len; ++k)
+                    out[k] = entity[k];
+                out += len;
+            }
+            len_ = static_cast<size_t>(out - buf_);
+            s += i;
+            n -= i;
+        }
     }
 
     // The text, shrunk to its length and zero; the caller frees it.
@@ -114,12 +173,20 @@ void open_tag(Out &out, ezxml_node *xml, char ***defaults) {
     out.put('<');
     out.put(xml->name);
     char **attr = xml->attr;
+    // Names seen so far, by a 64-bit filter of their first two bytes: only a
+    // name that may have been seen needs the exact search for an earlier one.
+    uint64_t seen = 0;
     for (size_t i = 0; attr[i] != nullptr; i += 2) {
-        size_t first = 0;
-        while (!same(attr[first], attr[i]))
-            first += 2;
-        if (attr[first + 1] != attr[i + 1])
-            continue;
+        const auto *name = reinterpret_cast<const unsigned char *>(attr[i]);
+        uint64_t bit = uint64_t{1} << ((name[0] * 7u + (name[0] ? name[1] : 0u)) & 63u);
+        if (seen & bit) {
+            size_t first = 0;
+            while (!same(attr[first], attr[i]))
+                first += 2;
+            if (attr[first + 1] != attr[i + 1])
+                continue;
+        }
+        seen |= bit;
         out.put(' ');
         out.put(attr[i]);
         out.put("=\"", 2);
@@ -279,10 +346,16 @@ QORCFG_API char *ezxml_ampencode(const char *s, size_t len, char **dst, size_t *
 }
 
 QORCFG_API char *ezxml_toxml(ezxml_node *xml) {
-    Out out;
     if (xml == nullptr || xml->name == nullptr)
-        return out.release();
+        return Out(1).release();
     ezxml_root *root = root_of(xml);
+    // A parsed document's text is about as long as its source: start there
+    // rather than grow through many copies.
+    size_t estimate = EZXML_BUFSIZE;
+    if (xml->parent == nullptr && root->s != nullptr && root->e > root->s)
+        estimate +=
+            static_cast<size_t>(root->e - root->s) + static_cast<size_t>(root->e - root->s) / 8;
+    Out out(estimate);
     bool document = xml->parent == nullptr;
     if (document)
         write_instructions(out, root->pi, '<');
