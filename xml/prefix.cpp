@@ -6,6 +6,8 @@
 // contract. An opening probe "<name" also stops at a longer tag name that
 // begins with name; occurrences are counted through the rest of the file;
 // the slice ends at the first closing tag of the last name.
+#include <sys/stat.h>
+
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -30,7 +32,16 @@ void drain(FILE *fp) {
 // The whole stream in one allocation (NULL when memory runs out; the stream
 // is read to its end either way).
 char *read_stream(FILE *fp, size_t *len) {
+    // A regular file says how much is left: one allocation then, with a
+    // byte to spare so that the end is seen without growing.
     size_t cap = EZXML_BUFSIZE;
+    struct stat st;
+    int fd = fileno(fp);
+    if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+        off_t at = ftello(fp);
+        if (at >= 0 && st.st_size >= at)
+            cap = static_cast<size_t>(st.st_size - at) + 1;
+    }
     size_t n = 0;
     auto *buf = static_cast<char *>(os::malloc(cap));
     if (buf == nullptr) {
