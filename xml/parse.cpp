@@ -71,10 +71,9 @@ constexpr CharSet make_set(const char *chars) {
 constexpr CharSet kNameEnd = make_set("\t\r\n />");
 constexpr CharSet kAttrNameEnd = make_set("\t\r\n =/>");
 constexpr CharSet kClosingNameEnd = make_set("\t\r\n >");
-// What makes a text, or a value of an undeclared or CDATA attribute, need
-// decoding; values of other declared types are always decoded (their blanks
-// are squeezed).
-constexpr CharSet kTextSpecial = make_set("&\r");
+// What makes a value of an undeclared or CDATA attribute need decoding;
+// values of other declared types are always decoded (their blanks are
+// squeezed). Texts need it for '&' and CR.
 constexpr CharSet kValueSpecial = make_set("&\r\n\t");
 // Where scanning a value or a text must look closer.
 constexpr CharSet kValueStop = make_set("&\r\n\t\"'");
