@@ -22,6 +22,10 @@
 #include <memory>
 #include <mutex>
 
+// The stand-in platform library reads its device files under the same root;
+// a device's own platform library does not have this hook.
+extern "C" int vq19ext_set_root(const char *root) __attribute__((weak));
+
 namespace qorcfg::os {
 namespace {
 
@@ -109,6 +113,8 @@ void set_root(std::string_view root) {
     while (r.size() > 1 && r.back() == '/')
         r.pop_back();
     state().root = r == "/" ? std::string() : r;
+    if (vq19ext_set_root != nullptr)
+        vq19ext_set_root(state().root.c_str());
 }
 
 const std::string &root() {
@@ -417,6 +423,8 @@ void reset_faults() {
 void reset() {
     State &s = state();
     s.root.clear();
+    if (vq19ext_set_root != nullptr)
+        vq19ext_set_root("");
     s.runner = nullptr;
     s.socket_path = "/tmp/qorcfgd_socket";
     s.ioctl_handler = nullptr;

@@ -1,8 +1,10 @@
 # Checks the shared library: its soname is libqorcfg.so.1, every symbol it
-# defines for other programs is a name the exported header declares, and
-# every declared name that the library's objects define is exported.
-#   cmake -DLIB=... -DARCHIVE=... -DNM=... -DREADELF=... -DINCLUDE_DIR=... -DSCRATCH=...
-#         -P check_exports.cmake
+# defines for other programs is a name the exported header declares, every
+# declared name that the library's objects define is exported, and what it
+# needs from elsewhere comes from the C and C++ runtimes or the platform
+# library.
+#   cmake -DLIB=... -DARCHIVE=... -DPLATFORM=... -DNM=... -DREADELF=... -DINCLUDE_DIR=...
+#         -DSCRATCH=... -P check_exports.cmake
 cmake_minimum_required(VERSION 3.25)
 execute_process(COMMAND ${READELF} -d ${LIB} OUTPUT_VARIABLE dynamic RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
@@ -68,5 +70,43 @@ endforeach()
 if(hidden)
   list(JOIN hidden "\n  " shown)
   message(FATAL_ERROR "declared and defined but not exported:\n  ${shown}")
+endif()
+
+# Undefined symbols: versioned runtime symbols, weak references, or what
+# the platform library defines. (Sanitized builds also need their runtime's
+# symbols; there this part is skipped.)
+if(SANITIZED)
+  message(STATUS "${count} exported symbols, all declared in the header")
+  return()
+endif()
+execute_process(COMMAND ${NM} -D --defined-only ${PLATFORM} OUTPUT_VARIABLE platform_syms RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "${NM} -D --defined-only failed on ${PLATFORM}")
+endif()
+string(REPLACE "\n" ";" lines "${platform_syms}")
+set(platform_names)
+foreach(line IN LISTS lines)
+  if(line MATCHES "^[0-9a-fA-F]* *[A-Za-z] ([^ @]+)")
+    list(APPEND platform_names ${CMAKE_MATCH_1})
+  endif()
+endforeach()
+execute_process(COMMAND ${NM} -D --undefined-only ${LIB} OUTPUT_VARIABLE needed RESULT_VARIABLE rc)
+string(REPLACE "\n" ";" lines "${needed}")
+set(foreign)
+foreach(line IN LISTS lines)
+  if(line MATCHES "^ *([A-Za-z]) ([^ @]+)(@.*)?$")
+    set(kind ${CMAKE_MATCH_1})
+    set(sym ${CMAKE_MATCH_2})
+    set(version "${CMAKE_MATCH_3}")
+    if(kind STREQUAL "w" OR kind STREQUAL "v" OR version MATCHES "^@(GLIBC|GLIBCXX|CXXABI|GCC)_"
+       OR sym IN_LIST platform_names)
+      continue()
+    endif()
+    list(APPEND foreign "${sym}${version}")
+  endif()
+endforeach()
+if(foreign)
+  list(JOIN foreign "\n  " shown)
+  message(FATAL_ERROR "needed from neither the runtimes nor the platform library:\n  ${shown}")
 endif()
 message(STATUS "${count} exported symbols, all declared in the header")

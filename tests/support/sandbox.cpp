@@ -24,6 +24,10 @@ std::string scratch_dir() {
     return dir;
 }
 
+std::string devroot() {
+    return QORCFG_DEVROOT;
+}
+
 Sandbox::Sandbox() {
     std::string pattern = scratch_dir() + "/root-XXXXXX";
     if (::mkdtemp(pattern.data()) == nullptr)

@@ -77,4 +77,7 @@ private:
 // Scratch directory of the test run (under the build tree).
 std::string scratch_dir();
 
+// The sample device root of the source tree (read only).
+std::string devroot();
+
 }  // namespace qorcfg::test

@@ -1,0 +1,14 @@
+#!/bin/sh
+# /etc/rc.d/bfirewall.sh - firewall rules
+# Sample device root: this script only records how it was called, one line
+# "/etc/rc.d/bfirewall.sh <arguments>" appended to <device root>/tmp/service.log, where the
+# device root is the directory two levels above this script's own.
+
+root=$(CDPATH= cd -- "$(dirname -- "$0")/../.." && pwd) || exit 0
+mkdir -p "$root/tmp"
+if [ $# -gt 0 ]; then
+	printf '%s %s\n' "/etc/rc.d/bfirewall.sh" "$*" >> "$root/tmp/service.log"
+else
+	printf '%s\n' "/etc/rc.d/bfirewall.sh" >> "$root/tmp/service.log"
+fi
+exit 0
