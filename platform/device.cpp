@@ -19,7 +19,6 @@ namespace {
 // Rules are POSIX extended expressions; \xHH stands for a printable
 // character (so a rule can hold a literal '.' or quote).
 const char *const kState = "^(enable|disable)$";
-const char *const kYesNo = "^(0|1)$";
 const char *const kName32 = "^[A-Za-z0-9_ \\x2e\\x2d]{1,32}$";
 const char *const kText64 = "^[^<>\\x22\\x27]{0,64}$";
 const char *const kText256 = "^[^<>]{0,256}$";
