@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The project's test command: installs the Debian packages the tests need
 # when they are missing, then configures, builds and tests each preset
-# (default, asan, mips and fuzz unless presets are named on the command
-# line). The fuzz preset runs each fuzzer briefly under ASan.
+# (default, clang, asan, mips and fuzz unless presets are named on the
+# command line). The fuzz preset runs each fuzzer briefly under ASan.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -23,7 +23,7 @@ if ((${#missing[@]})); then
 fi
 
 presets=("$@")
-((${#presets[@]})) || presets=(default asan mips fuzz)
+((${#presets[@]})) || presets=(default clang asan mips fuzz)
 for preset in "${presets[@]}"; do
     echo "=== preset ${preset}"
     cmake --preset "$preset"
