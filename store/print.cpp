@@ -44,6 +44,10 @@ QORCFG_API int set_qorcfg_debug(int value) {
 
 namespace qorcfg {
 
+void forget_print_switch() {
+    g_print_switch = -1;
+}
+
 void debug_line(const char *function, int line, const char *format, ...) {
     // One buffer, one write: lines of concurrent processes do not interleave.
     char text[1024];

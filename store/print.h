@@ -10,6 +10,11 @@ namespace qorcfg {
 // explicit request, so they do not depend on "QORCFG_PRINT_ERR".
 void debug_line(const char *function, int line, const char *format, ...) QORCFG_PRINTF(3, 4);
 
+// Forgets the decision taken from "QORCFG_PRINT_ERR", so that the next
+// qorcfg_print decides again, as a new process would. For tests, which
+// try each setting in a forked child of a process that may have printed.
+void forget_print_switch();
+
 }  // namespace qorcfg
 
 // A debug line naming the calling function and source line.

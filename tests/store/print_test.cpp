@@ -56,9 +56,11 @@ class PrintTest : public qorcfg::test::SandboxTest {
 protected:
     // The switch is decided once per process, so every environment setting
     // is tried in a forked child ("fast" death tests: a fork, no re-exec, so
-    // it also works under user-mode emulation). The parent never prints, so
-    // every child starts with the switch undecided.
+    // it also works under user-mode emulation). The parent may have printed
+    // (other tests of the program run first when it runs as one process), so
+    // each child first forgets the decision, as a new process starts.
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "fast"); }
+    static void fresh_process() { qorcfg::forget_print_switch(); }
     void TearDown() override { set_qorcfg_debug(0); }
 
     // Ends a child started by EXPECT_EXIT with status 0 after writing
@@ -71,6 +73,7 @@ protected:
     }
 
     [[noreturn]] void print_twice(const SwitchCase &c) {
+        fresh_process();
         if (c.at_start != nullptr)
             setenv(kSwitch, c.at_start, 1);
         else
@@ -91,6 +94,7 @@ protected:
     }
 
     [[noreturn]] void print_long_message() {
+        fresh_process();
         unsetenv(kSwitch);
         const std::string message(5000, 'm');
         int count = -1;
@@ -105,6 +109,7 @@ protected:
     }
 
     [[noreturn]] void debug_while_silenced() {
+        fresh_process();
         setenv(kSwitch, "0", 1);
         set_qorcfg_debug(1);
         int count = -1;

@@ -1,0 +1,256 @@
+// store/daemon_client.cpp - asking the configuration daemon: one
+// connection per query over the local socket, a fixed request record, and
+// a reply of type-length-value records that decodes into attribute
+// records.
+//
+// The decoder never trusts the reply: a record that does not fit in what
+// was received, an index that does not follow a value, or an unknown type
+// ends the chunk; copies into callers' buffers are bounded.
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "os/os.h"
+#include "store/store.h"
+
+namespace qorcfg {
+namespace {
+
+constexpr size_t kChunk = 4096;
+constexpr uint32_t kMoreFlag = 2;
+
+enum RecordType : unsigned char {
+    kEnd = 0,
+    kHeader = 1,
+    kEnd2 = 2,
+    kName = 3,
+    kValue = 4,
+    kIndex = 5,
+};
+
+uint32_t be32(const unsigned char *p) {
+    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
+}
+
+// Copies `text` into a request field of `size` bytes (zeroed); false when
+// it does not fit with its terminating zero.
+bool put_text(char *field, size_t size, const char *text) {
+    if (text == nullptr)
+        return true;
+    size_t n = std::strlen(text);
+    if (n >= size)
+        return false;
+    std::memcpy(field, text, n);
+    return true;
+}
+
+// What one chunk decoded to.
+struct Chunk {
+    qorcfg_attr *first = nullptr;
+    qorcfg_attr *last = nullptr;
+};
+
+// Decodes the `n` bytes of one chunk. Header records set `more` and
+// `result`. On an allocation failure everything decoded from the chunk is
+// freed and the chunk yields nothing.
+Chunk decode_chunk(unsigned char *buf, size_t n, bool *more, int *result) {
+    enum { kIdle, kNameSeen, kValueSeen } state = kIdle;
+    Chunk out;
+    const char *name = nullptr;
+    size_t pos = 0;
+    while (pos + 3 <= n) {
+        unsigned char type = buf[pos];
+        size_t len = (size_t{buf[pos + 1]} << 8) | buf[pos + 2];
+        const unsigned char *v = buf + pos + 3;
+        if (type == kEnd || type == kEnd2)
+            break;
+        // Texts carry a zero after their bytes; everything must have arrived.
+        size_t size = type == kName || type == kValue ? len + 1 : len;
+        if (pos + 3 + size > n)
+            break;
+        if (type == kHeader) {
+            if (len >= 12) {
+                if (be32(v + 4) & kMoreFlag)
+                    *more = true;
+                *result = static_cast<int32_t>(be32(v + 8));
+            }
+        } else if (type == kName) {
+            buf[pos + 3 + len] = '\0';
+            name = reinterpret_cast<const char *>(v);
+            state = kNameSeen;
+        } else if (type == kValue) {
+            buf[pos + 3 + len] = '\0';
+            if (state == kNameSeen) {
+                qorcfg_attr *record = new_attr(name, reinterpret_cast<const char *>(v));
+                if (record == nullptr) {
+                    free_attr_list(out.first);
+                    return Chunk{};
+                }
+                if (out.last != nullptr)
+                    out.last->next = record;
+                else
+                    out.first = record;
+                out.last = record;
+                state = kValueSeen;
+            } else {
+                state = kIdle;  // a value without a name is skipped
+            }
+        } else if (type == kIndex && state == kValueSeen && len >= 4) {
+            out.last->index = static_cast<int32_t>(be32(v));
+        } else {
+            // An index that does not follow a value, or an unknown type:
+            // the record cannot be consumed, so the chunk ends here.
+            break;
+        }
+        pos += 3 + size;
+    }
+    return out;
+}
+
+}  // namespace
+}  // namespace qorcfg
+
+using namespace qorcfg;
+
+namespace {
+
+// A request; `fits` false when a text does not fit its field.
+qorcfg_daemon_request make_request(uint32_t code, const char *file, const char *item,
+                                   const char *name, const char *path, int32_t gid, bool *fits) {
+    qorcfg_daemon_request req;
+    std::memset(&req, 0, sizeof req);
+    *fits = put_text(req.file, sizeof req.file, file);
+    req.marker[0] = '_';
+    const auto c = static_cast<uint32_t>(code);
+    auto *code_bytes = reinterpret_cast<unsigned char *>(&req.code);
+    code_bytes[0] = static_cast<unsigned char>(c >> 24);
+    code_bytes[1] = static_cast<unsigned char>(c >> 16);
+    code_bytes[2] = static_cast<unsigned char>(c >> 8);
+    code_bytes[3] = static_cast<unsigned char>(c);
+    *fits = put_text(req.item, sizeof req.item, item) && *fits;
+    *fits = put_text(req.name, sizeof req.name, name) && *fits;
+    *fits = put_text(req.path, sizeof req.path, path) && *fits;
+    const auto g = static_cast<uint32_t>(gid);
+    req.gid[0] = static_cast<unsigned char>(g >> 24);
+    req.gid[1] = static_cast<unsigned char>(g >> 16);
+    req.gid[2] = static_cast<unsigned char>(g >> 8);
+    req.gid[3] = static_cast<unsigned char>(g);
+    return req;
+}
+
+// Not sendable: a text does not fit its field. Reported as a transport
+// failure, so that callers read the file instead of asking the daemon
+// about a cut name.
+constexpr int kNotSendable = -10001;
+
+// Asks for one item; its value (cut to 255 characters) into `value`.
+int single_item(const qorcfg_daemon_request &req, bool fits, char *value) {
+    if (!fits)
+        return kNotSendable;
+    qorcfg_attr *list = nullptr;
+    int result = get_attr_from_daemon(req, &list);
+    if (result == 0 && list != nullptr && value != nullptr)
+        copy_value(value, list->value != nullptr ? list->value : "");
+    free_attr_list(list);
+    return result;
+}
+
+}  // namespace
+
+extern "C" {
+
+QORCFG_API int get_attr_from_daemon(qorcfg_daemon_request request, qorcfg_attr **list) {
+    if (list != nullptr)
+        *list = nullptr;
+    int fd = os::socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd < 0)
+        return -10002;
+    sockaddr_un addr;
+    std::memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    // A socket path too long for the address cannot be reached (cut, it
+    // could name another socket): as if no daemon listened.
+    const std::string &path = os::daemon_socket_path();
+    size_t len = path.size();
+    if (len < sizeof addr.sun_path)
+        std::memcpy(addr.sun_path, path.data(), len);
+    if (len >= sizeof addr.sun_path || os::connect(fd, reinterpret_cast<sockaddr *>(&addr),
+                                                   static_cast<socklen_t>(len + 2)) != 0) {
+        os::close(fd);
+        return -10003;
+    }
+    if (os::send(fd, &request, QORCFG_REQUEST_SENT, 0) == -1) {
+        os::close(fd);
+        return -10004;
+    }
+    auto *buf = static_cast<unsigned char *>(os::calloc(kChunk, 1));
+    if (buf == nullptr) {
+        os::close(fd);
+        return -10005;
+    }
+    qorcfg_attr *first = nullptr;
+    qorcfg_attr *last = nullptr;
+    int result = 0;
+    bool more = false;
+    do {
+        ssize_t n = os::recv(fd, buf, kChunk, 0);
+        if (n < 0) {
+            free_attr_list(first);
+            std::free(buf);
+            os::close(fd);
+            return -10005;
+        }
+        if (n == 0) {
+            more = false;  // the peer closed
+            break;
+        }
+        Chunk chunk = decode_chunk(buf, static_cast<size_t>(n), &more, &result);
+        if (chunk.first == nullptr) {
+            // A chunk without records drops everything gathered so far.
+            free_attr_list(first);
+            first = last = nullptr;
+            break;
+        }
+        if (last != nullptr)
+            last->next = chunk.first;
+        else
+            first = chunk.first;
+        last = chunk.last;
+    } while (more);
+    std::free(buf);
+    os::close(fd);
+    if (list != nullptr)
+        *list = first;
+    else
+        free_attr_list(first);
+    return result;
+}
+
+QORCFG_API int get_cfg_item_daemon(const char *file, uint32_t gid, const char *item, char *value) {
+    bool fits;
+    qorcfg_daemon_request req = make_request(QORCFG_REQ_BY_GID, file, item, nullptr, nullptr,
+                                             static_cast<int32_t>(gid), &fits);
+    return single_item(req, fits, value);
+}
+
+QORCFG_API int get_cfg_item_by_str_daemon(const char *file, const char *group, const char *item,
+                                          char *value) {
+    bool fits;
+    qorcfg_daemon_request req =
+        make_request(QORCFG_REQ_BY_NAME, file, item, group, nullptr, -1, &fits);
+    return single_item(req, fits, value);
+}
+
+QORCFG_API int get_cfg_item_by_all_args_daemon(const char *file, int32_t gid, const char *prefix,
+                                               const char *group_path, const char *item,
+                                               char *value) {
+    uint32_t code = gid >= 0 ? QORCFG_REQ_BY_GID_PATH : QORCFG_REQ_BY_NAME_PATH;
+    bool fits;
+    qorcfg_daemon_request req = make_request(code, file, item, prefix, group_path, gid, &fits);
+    return single_item(req, fits, value);
+}
+
+}  // extern "C"

@@ -1,0 +1,462 @@
+// store/handle.cpp - the store's files and handles: lock files, file kinds,
+// the working copy made from the flash copy, opening and closing handles,
+// shared handles and network modes, and refreshing network-mode handles.
+//
+// Processes share the configuration files only through advisory locks on
+// the lock files; where two are held, the flash copy's (kind 2) is taken
+// before the working copy's (kind 1).
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "os/os.h"
+#include "store/platform.h"
+#include "store/print.h"
+#include "store/store.h"
+
+namespace qorcfg {
+namespace {
+
+// Network mode of slot 0 (working copy) and slot 1 (current
+// configuration): 1 hands out network-mode handles, 0 parses files.
+int g_net_mode[2] = {1, 1};
+
+constexpr size_t kLine = 256;
+
+const char *lock_file(int kind) {
+    switch (kind) {
+        case 1:
+            return "/var/lock/qorcfg_ram";
+        case 2:
+            return "/var/lock/qorcfg_rom";
+        case 3:
+            return "/var/lock/qorcfg_backup";
+        case 4:
+            return "/var/lock/qorcfg_restored";
+        case 5:
+            return "/var/lock/qorcfg_current";
+        case 6:
+            return "/var/lock/access_lock";
+        default:
+            return "/var/lock/default_lock";
+    }
+}
+
+bool empty(const char *s) {
+    return s == nullptr || s[0] == '\0';
+}
+
+// A new handle cell holding `xml`, or NULL.
+qorcfg_handle *new_cell(ezxml_node *xml) {
+    auto *cell = static_cast<qorcfg_handle *>(os::malloc(sizeof(qorcfg_handle)));
+    if (cell != nullptr)
+        cell->xml = xml;
+    return cell;
+}
+
+// A network-mode handle for `slot` and its file, or NULL.
+qorcfg_handle *new_net_handle(int slot, const char *path) {
+    auto *record = static_cast<qorcfg_net_record *>(os::calloc(1, sizeof(qorcfg_net_record)));
+    qorcfg_handle *cell = record != nullptr ? new_cell(nullptr) : nullptr;
+    if (cell == nullptr) {
+        std::free(record);
+        return nullptr;
+    }
+    record->tag = &g_net_mode[slot];
+    record->path = path;
+    cell->net = record;
+    return cell;
+}
+
+// Parses a whole stream under the lock of `kind` (shared). NULL when the
+// lock cannot be taken or the file not opened.
+ezxml_node *parse_locked(const char *path, int kind, const char *prefix) {
+    int lock = lock_shared(kind);
+    if (lock < 0)
+        return nullptr;
+    ezxml_node *root = nullptr;
+    if (std::FILE *fp = os::fopen(path, "r")) {
+        root = prefix != nullptr ? ezxml_parse_fp_by_prefix(fp, prefix) : ezxml_parse_fp(fp);
+        std::fclose(fp);
+    }
+    unlock_qorcfg(lock);
+    return root;
+}
+
+// Copies `from` to `to` in lines of at most 256 bytes.
+void copy_lines(std::FILE *from, std::FILE *to) {
+    char line[kLine];
+    for (;;) {
+        line[0] = '\0';  // a failed read at the end writes nothing
+        if (std::fgets(line, sizeof line, from) == nullptr)
+            break;
+        std::fputs(line, to);
+    }
+}
+
+// Moves the root held by `opened` (a cell from an open) into `handle`,
+// which held the network record `record`; a shared handle's cell stays.
+void adopt(qorcfg_handle *handle, qorcfg_net_record *record, qorcfg_handle *opened) {
+    std::free(record);
+    handle->xml = opened->xml;
+    if (opened != shared_qorcfg[0] && opened != shared_qorcfg[1])
+        std::free(opened);
+}
+
+}  // namespace
+
+int file_kind(const char *path) {
+    if (empty(path))
+        return 0;
+    if (std::strcmp(path, restored_cfg_file) == 0)
+        return 4;
+    if (std::strcmp(path, config_rom) == 0)
+        return 2;
+    if (std::strcmp(path, config_ram) == 0)
+        return 1;
+    if (std::strcmp(path, backup_cfg_file) == 0)
+        return 3;
+    if (std::strcmp(path, current_config) == 0)
+        return 5;
+    return 0;
+}
+
+int prepare_ram() {
+    if (os::access(config_ram, F_OK) == 0)
+        return 0;
+    int rom_lock = lock_shared(2);
+    if (rom_lock < 0)
+        return -1;
+    std::FILE *rom = os::fopen(config_rom, "r");
+    if (rom == nullptr) {
+        unlock_qorcfg(rom_lock);
+        return -1;
+    }
+    int ram_lock = lock_exclusive(1);
+    if (ram_lock < 0) {
+        std::fclose(rom);
+        unlock_qorcfg(rom_lock);
+        return -1;
+    }
+    std::FILE *ram = os::fopen(config_ram, "w");
+    if (ram == nullptr) {
+        std::fclose(rom);
+        unlock_qorcfg(ram_lock);
+        unlock_qorcfg(rom_lock);
+        return -1;
+    }
+    char line[kLine] = "";
+    if (std::fgets(line, sizeof line, rom) == nullptr ||
+        std::strstr(line, "<qorconfig") == nullptr) {
+        qorcfg_print("No config in flash, reset to default\n");
+        // The working copy stays truncated until the reset removes it.
+        std::fclose(rom);
+        std::fclose(ram);
+        unlock_qorcfg(ram_lock);
+        unlock_qorcfg(rom_lock);
+        reset_qorcfg();
+        return -1;
+    }
+    std::fputs(line, ram);
+    copy_lines(rom, ram);
+    std::fclose(rom);
+    unlock_qorcfg(rom_lock);
+    std::fflush(ram);
+    std::fclose(ram);
+    unlock_qorcfg(ram_lock);
+    return 0;
+}
+
+bool is_net(const qorcfg_handle *handle) {
+    if (handle == nullptr || handle->net == nullptr)
+        return false;
+    // A document node's first word is its name text, never a mode slot.
+    const int *tag = handle->net->tag;
+    return tag == &g_net_mode[0] || tag == &g_net_mode[1];
+}
+
+qorcfg_net_record *net_record(const qorcfg_handle *handle) {
+    return is_net(handle) ? handle->net : nullptr;
+}
+
+void refresh(qorcfg_handle *handle) {
+    if (!is_net(handle))
+        return;
+    qorcfg_net_record *record = handle->net;
+    g_net_mode[0] = g_net_mode[1] = 0;
+    qorcfg_handle *opened = !empty(record->path) ? init_qorcfg_f(record->path) : init_qorcfg();
+    if (opened != nullptr)
+        adopt(handle, record, opened);
+}
+
+void refresh_sub(qorcfg_handle *handle, const char *group, uint32_t gid) {
+    qorcfg_net_record *record = net_record(handle);
+    if (record == nullptr || empty(record->path))
+        return;
+    g_net_mode[0] = g_net_mode[1] = 0;
+    qorcfg_handle *opened = init_sub_qorcfg(group, gid, record->path);
+    if (opened != nullptr) {
+        adopt(handle, record, opened);
+    } else {
+        std::free(record);
+        handle->xml = nullptr;
+    }
+}
+
+ezxml_node *tree_of(qorcfg_handle *handle) {
+    if (handle == nullptr)
+        return nullptr;
+    refresh(handle);
+    return is_net(handle) ? nullptr : handle->xml;
+}
+
+void signal_daemon(const char *pid_file) {
+    std::FILE *f = os::fopen(pid_file, "r");
+    if (f == nullptr)
+        return;
+    char line[kLine] = "";
+    if (std::fgets(line, sizeof line, f) == nullptr)
+        line[0] = '\0';
+    std::fclose(f);
+    int pid = std::atoi(line);
+    if (pid >= 2)
+        os::kill(pid, SIGUSR2);
+}
+
+void signal_daemons() {
+    signal_daemon("/var/run/read_qorcfgd.pid");
+    signal_daemon("/var/run/snmpd.pid");
+    signal_daemon("/var/run/qorsic.pid");
+}
+
+}  // namespace qorcfg
+
+using namespace qorcfg;
+
+extern "C" {
+
+QORCFG_API qorcfg_handle *shared_qorcfg[2] = {nullptr, nullptr};
+
+QORCFG_API int lock_qorcfg(int kind, int operation) {
+    int fd = os::open(lock_file(kind), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0)
+        return -7;
+    if (os::flock(fd, operation) != 0) {
+        os::close(fd);
+        return -10;
+    }
+    return fd;
+}
+
+QORCFG_API int unlock_qorcfg(int fd) {
+    os::flock(fd, LOCK_UN);
+    return os::close(fd);
+}
+
+QORCFG_API ezxml_node *init_qorcfg_direct(void) {
+    if (prepare_ram() != 0)
+        return nullptr;
+    return parse_locked(config_ram, 1, nullptr);
+}
+
+QORCFG_API qorcfg_handle *init_qorcfg(void) {
+    if (g_net_mode[0] == 1)
+        return new_net_handle(0, config_ram);
+    if (qorcfg_handle *shared = get_shared_qorcfg(0))
+        return shared;
+    qorcfg_handle *cell = new_cell(nullptr);
+    if (cell == nullptr)
+        return nullptr;
+    cell->xml = init_qorcfg_direct();
+    if (cell->xml == nullptr) {
+        std::free(cell);
+        return nullptr;
+    }
+    return cell;
+}
+
+QORCFG_API ezxml_node *init_qorcfg_f_direct(const char *path) {
+    if (empty(path))
+        path = config_rom;
+    if (std::strcmp(path, config_ram) == 0 && prepare_ram() != 0)
+        return nullptr;
+    return parse_locked(path, file_kind(path), nullptr);
+}
+
+QORCFG_API qorcfg_handle *init_qorcfg_f(const char *path) {
+    if (empty(path))
+        path = config_rom;
+    int kind = file_kind(path);
+    if (kind == 1 || kind == 5) {
+        int slot = kind == 1 ? 0 : 1;
+        if (g_net_mode[slot] == 1)
+            return new_net_handle(slot, kind == 1 ? config_ram : current_config);
+        if (qorcfg_handle *shared = get_shared_qorcfg(slot))
+            return shared;
+    }
+    qorcfg_handle *cell = new_cell(nullptr);
+    if (cell == nullptr)
+        return nullptr;
+    cell->xml = init_qorcfg_f_direct(path);
+    if (cell->xml == nullptr) {
+        std::free(cell);
+        return nullptr;
+    }
+    return cell;
+}
+
+QORCFG_API ezxml_node *init_sub_qorcfg_direct(const char *group, uint32_t gid, const char *file) {
+    const qorcfg_group *row = nullptr;
+    if (!empty(group))
+        row = std::strstr(group, "qorconfig.") != nullptr ? group_by_path(group)
+                                                          : group_by_name(group);
+    else if (gid != 0)
+        row = group_by_gid(gid);
+    if (row == nullptr)
+        return nullptr;
+    if (file != nullptr) {
+        if (file[0] == '\0')
+            file = config_rom;
+        return parse_locked(file, file_kind(file), row->path);
+    }
+    if (prepare_ram() != 0)
+        return nullptr;
+    return parse_locked(config_ram, 1, row->path);
+}
+
+QORCFG_API qorcfg_handle *init_sub_qorcfg(const char *group, uint32_t gid, const char *file) {
+    if (empty(file))
+        file = config_rom;
+    int kind = file_kind(file);
+    if (kind == 1 || kind == 5) {
+        // The working copy and the current configuration are served whole.
+        int slot = kind == 1 ? 0 : 1;
+        if (g_net_mode[slot] == 1)
+            return new_net_handle(slot, kind == 1 ? config_ram : current_config);
+        if (qorcfg_handle *shared = get_shared_qorcfg(slot))
+            return shared;
+    }
+    qorcfg_handle *cell = new_cell(nullptr);
+    if (cell == nullptr)
+        return nullptr;
+    cell->xml = init_sub_qorcfg_direct(group, gid, file);
+    if (cell->xml == nullptr) {
+        std::free(cell);
+        return nullptr;
+    }
+    return cell;
+}
+
+QORCFG_API int close_qorcfg(qorcfg_handle *handle) {
+    if (handle == nullptr)
+        return -2;
+    if (is_net(handle)) {
+        std::free(handle->net);
+        std::free(handle);
+        return 0;
+    }
+    for (int slot = 0; slot < 2; ++slot) {
+        qorcfg_handle *shared = get_shared_qorcfg(slot);
+        if (shared == handle)
+            return 0;  // the registered handle itself stays
+        if (shared != nullptr && shared->xml == handle->xml) {
+            std::free(handle);  // a cell on the shared document
+            return 0;
+        }
+    }
+    ezxml_free(handle->xml);
+    std::free(handle);
+    return 0;
+}
+
+QORCFG_API int set_shared_qorcfg(qorcfg_handle *handle, int slot) {
+    if (slot == 0 || slot == 1)
+        shared_qorcfg[slot] = handle;
+    if (handle == nullptr)
+        g_net_mode[0] = g_net_mode[1] = 1;
+    return 0;
+}
+
+QORCFG_API qorcfg_handle *get_shared_qorcfg(int slot) {
+    if (slot < 0 || slot > 1)
+        return nullptr;
+    qorcfg_handle *handle = shared_qorcfg[slot];
+    if (!is_net(handle))
+        return handle;
+    // A registered network-mode handle is loaded in place.
+    ezxml_node *root = init_qorcfg_f_direct(handle->net->path);
+    if (root == nullptr)
+        return nullptr;
+    std::free(handle->net);
+    handle->xml = root;
+    return handle;
+}
+
+QORCFG_API int get_net_qorcfg(int slot) {
+    return slot == 0 || slot == 1 ? g_net_mode[slot] : 0;
+}
+
+QORCFG_API int set_net_qorcfg_mode(int slot, int mode) {
+    if ((slot == 0 || slot == 1) && (mode == 0 || mode == 1))
+        g_net_mode[slot] = mode;
+    return 0;
+}
+
+QORCFG_API int set_all_net_qorcfg_mode(int mode) {
+    for (int slot = 0; slot < 4; ++slot)  // only slots 0 and 1 exist
+        set_net_qorcfg_mode(slot, mode);
+    return 0;
+}
+
+QORCFG_API int is_net_cfg(qorcfg_handle *handle) {
+    return is_net(handle) ? 1 : 0;
+}
+
+QORCFG_API int reset_qorcfg(void) {
+    const char *source = os::access("/conf/customize/config-backup.conf", F_OK) == 0
+                             ? "/conf/customize/config-backup.conf"
+                             : "/etc/default-config.xml";
+    std::FILE *from = os::fopen(source, "r");
+    if (from == nullptr)
+        return -7;
+    int rom_lock = lock_exclusive(2);
+    if (rom_lock < 0) {
+        std::fclose(from);
+        return rom_lock;
+    }
+    std::FILE *rom = os::fopen(config_rom, "w");
+    if (rom == nullptr) {
+        std::fclose(from);
+        unlock_qorcfg(rom_lock);
+        return -7;
+    }
+    copy_lines(from, rom);
+    std::fflush(rom);
+    std::fclose(rom);
+    std::fclose(from);
+    std::FILE *check = os::fopen(config_rom, "r");
+    if (check == nullptr) {
+        unlock_qorcfg(rom_lock);
+        return -7;
+    }
+    std::fclose(check);
+    unlock_qorcfg(rom_lock);
+
+    int ram_lock = lock_exclusive(1);
+    if (ram_lock < 0)
+        return ram_lock;
+    char line[kLine];
+    std::snprintf(line, sizeof line, "/bin/rm -f %s", config_ram);
+    qor_system(line);
+    unlock_qorcfg(ram_lock);
+    // The working copy is made from the new flash copy by the next open.
+    signal_daemons();
+    return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,183 @@
+// store/metadata.cpp - item metadata: the records "name|&|type|&|rule|&|
+// description" that a definition tree (the rule file) holds as the values
+// of its items, and the item type codes.
+#include <cstdlib>
+#include <cstring>
+
+#include "os/os.h"
+#include "store/print.h"
+#include "store/store.h"
+
+namespace qorcfg {
+namespace {
+
+constexpr size_t kFieldSize = 1000;
+
+// Field `k` (1 name, 2 type, 3 rule, 4 description) of a metadata record
+// as a new text (caller frees); NULL for an empty or missing field.
+char *field(const char *record, int k) {
+    if (record == nullptr)
+        return nullptr;
+    const char *start = record;
+    for (int n = 1;; ++n) {
+        const char *sep = std::strstr(start, "|&|");
+        if (n == k) {
+            size_t len = sep != nullptr ? static_cast<size_t>(sep - start) : std::strlen(start);
+            if (len == 0)
+                return nullptr;
+            auto *out = static_cast<char *>(os::calloc(kFieldSize, 1));
+            if (out == nullptr)
+                return nullptr;
+            // A field longer than the buffer is cut to it.
+            std::memcpy(out, start, len < kFieldSize - 1 ? len : kFieldSize - 1);
+            return out;
+        }
+        if (sep == nullptr)
+            return nullptr;
+        start = sep + 3;
+    }
+}
+
+const char *attr_of(qorcfg_handle *holder, const char *attr) {
+    if (holder == nullptr || holder->xml == nullptr || attr == nullptr)
+        return nullptr;
+    return ezxml_attr(holder->xml, attr);
+}
+
+int type_code(const char *name) {
+    for (const qorcfg_type_entry *row = cli_cfg_type_list; row->name != nullptr; ++row) {
+        if (std::strcmp(row->name, name) == 0)
+            return row->code;
+    }
+    return -1;
+}
+
+// Removes every ":" and what follows it up to the next "." (or the end),
+// in place: qorconfig.a:1.b:2 becomes qorconfig.a.b.
+void strip_indexes(char *path) {
+    char *w = path;
+    for (const char *r = path; *r != '\0';) {
+        if (*r == ':') {
+            while (*r != '\0' && *r != '.')
+                ++r;
+            continue;
+        }
+        *w++ = *r++;
+    }
+    *w = '\0';
+}
+
+// The element of `item` in group `group` of the handle's definition tree,
+// with the attribute name; NULL and a code when not found.
+ezxml_node *item_element(qorcfg_handle *handle, const char *item, const char *group,
+                         char **attr_out, int *code) {
+    const qorcfg_group *row = group_by_name(group);
+    if (row == nullptr) {
+        qorcfg_print("ERROR: Cannot find group.\n");
+        *code = -3;
+        return nullptr;
+    }
+    size_t plen = std::strlen(row->path);
+    size_t ilen = std::strlen(item);
+    auto *full = static_cast<char *>(os::malloc(plen + ilen + 2));
+    if (full == nullptr) {
+        *code = -2;
+        return nullptr;
+    }
+    std::memcpy(full, row->path, plen);
+    full[plen] = '.';
+    std::memcpy(full + plen + 1, item, ilen + 1);
+    char *dot = std::strrchr(full, '.');
+    *dot = '\0';
+    strip_indexes(full);
+    ezxml_node *node = find_path(handle, full);
+    if (node == nullptr) {
+        qorcfg_print("ERROR: Cannot find NODE.\n");
+        std::free(full);
+        *code = -12;
+        return nullptr;
+    }
+    *attr_out = os::strdup(dot + 1);
+    std::free(full);
+    if (*attr_out == nullptr) {
+        *code = -2;
+        return nullptr;
+    }
+    return node;
+}
+
+}  // namespace
+}  // namespace qorcfg
+
+using namespace qorcfg;
+
+extern "C" {
+
+const qorcfg_type_entry cli_cfg_type_list[] = {
+    {0, "int"},  {1, "string"},  {2, "mac"},      {3, "ip"},         {4, "domain"},
+    {5, "band"}, {6, "channel"}, {7, "timezone"}, {8, "restricted"}, {-1, nullptr}};
+
+QORCFG_API char *get_cfg_item_name(qorcfg_handle *holder, const char *attr) {
+    return field(attr_of(holder, attr), 1);
+}
+
+QORCFG_API int get_cfg_item_type(qorcfg_handle *holder, const char *attr) {
+    char *type = field(attr_of(holder, attr), 2);
+    if (type == nullptr)
+        return -1;
+    int code = type_code(type);
+    std::free(type);
+    return code;
+}
+
+QORCFG_API char *get_cfg_item_rule(qorcfg_handle *holder, const char *attr) {
+    return field(attr_of(holder, attr), 3);
+}
+
+QORCFG_API char *get_cfg_item_desc(qorcfg_handle *holder, const char *attr) {
+    return field(attr_of(holder, attr), 4);
+}
+
+QORCFG_API char *get_cfg_item_rule_by_group_name(qorcfg_handle *handle, const char *item,
+                                                 const char *group) {
+    if (handle == nullptr || item == nullptr || group == nullptr)
+        return nullptr;
+    char *attr = nullptr;
+    int code = 0;
+    ezxml_node *node = item_element(handle, item, group, &attr, &code);
+    if (node == nullptr)
+        return nullptr;
+    qorcfg_handle holder;
+    holder.xml = node;
+    char *rule = get_cfg_item_rule(&holder, attr);
+    if (rule == nullptr)
+        qorcfg_print("ERROR: Cannot get rule of attribute.\n");
+    std::free(attr);
+    return rule;
+}
+
+QORCFG_API int get_cfg_item_type_by_group_name(qorcfg_handle *handle, const char *item,
+                                               const char *group) {
+    if (handle == nullptr)
+        return -1;
+    if (group == nullptr)
+        return -3;
+    if (item == nullptr)
+        return -4;
+    char *attr = nullptr;
+    int code = 0;
+    ezxml_node *node = item_element(handle, item, group, &attr, &code);
+    if (node == nullptr)
+        return code;
+    qorcfg_handle holder;
+    holder.xml = node;
+    int type = get_cfg_item_type(&holder, attr);
+    std::free(attr);
+    if (type == -1) {
+        qorcfg_print("ERROR: Cannot get type of attribute.\n");
+        return -12;
+    }
+    return type;
+}
+
+}  // extern "C"

@@ -1,0 +1,449 @@
+// tools/qorcfg.cpp - the qorcfg command-line tool, read side: items, element
+// attributes, children and the group table of the device's configuration,
+// looked up through the library's exported functions as any program on the
+// device would, on the device itself or (--root) on an unpacked device root.
+//
+// Values go to standard output, one per line; failures to standard error as
+// "qorcfg: <what failed>: <reason>", the reason being the library's result
+// code in words. The exit status follows the result code (see kHelp).
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <new>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "os/os.h"
+#include "qorcfg.h"
+#include "store/platform.h"
+
+namespace {
+
+constexpr int kExitUsage = 64;
+
+// Longest texts the daemon request record carries (its item and name fields
+// less the terminating zero); longer ones must never reach a lookup that may
+// ask the daemon.
+constexpr size_t kMaxItemName = 64;
+constexpr size_t kMaxGroupName = 128;
+
+// A lookup's value buffer. Values read from the file are cut to 255
+// characters, but a daemon's answer is copied whole, and one reply chunk
+// holds at most 4096 bytes: this is room for any value it can carry.
+constexpr size_t kValueBuffer = 8192;
+
+const char kHelp[] =
+    "Usage: qorcfg [--root DIR] COMMAND [ARGUMENT...]\n"
+    "\n"
+    "Reads the device's configuration.\n"
+    "\n"
+    "Commands:\n"
+    "  get GROUP ITEM          the value of ITEM in GROUP\n"
+    "  get-path PATH [ITEM]    the attributes of the element at the dotted PATH, one\n"
+    "                          \"name=value\" line each, or the value of its attribute ITEM\n"
+    "  show GROUP              the group's items, one \"name=value\" line each\n"
+    "  list-children GROUP     the children of the group's element, one \"tag\" line each\n"
+    "                          (\"tag:index\" for repeated elements)\n"
+    "  groups                  the group table, one \"ID name path\" line each\n"
+    "\n"
+    "GROUP is a group name (sys_device) or a group ID in hex (0x08080000). PATH\n"
+    "starts at the root element and may pick the N-th of repeated elements with\n"
+    "\":N\", counting from 0: qorconfig.wlan.rf1.vap:0. ITEM may be a path below\n"
+    "the group's element (static:1.ip). Group names are at most 128 characters\n"
+    "long, items at most 64.\n"
+    "\n"
+    "get asks the configuration daemon first and reads the working copy when the\n"
+    "daemon does not answer; the other commands read the working copy, which is\n"
+    "made from the flash copy when missing.\n"
+    "\n"
+    "Options:\n"
+    "  --root DIR   work on the device root unpacked at DIR (its files, locks and\n"
+    "               daemon socket DIR/tmp/qorcfgd_socket) instead of this device's\n"
+    "  -h, --help   print this text and exit\n"
+    "\n"
+    "Exit status:\n"
+    "  0         success\n"
+    "  1         the access lock is held, or a general failure (-1)\n"
+    "  2 to 99   the library's result code -2 to -99, as a positive number\n"
+    "            (3 unknown group, 4 item not found)\n"
+    "  101-105   daemon transport failure -10001 to -10005\n"
+    "  64        usage error: unknown command or option, missing or bad argument\n"
+    "\n"
+    "Environment:\n"
+    "  QORCFG_PRINT_ERR=0   silence the library's own diagnostics on standard error\n";
+
+// ---- result codes ---------------------------------------------------------------------
+
+struct CodeWords {
+    int code;
+    const char *words;
+};
+
+constexpr CodeWords kCodeWords[] = {
+    {QORCFG_BUSY, "the access lock is held"},
+    {QORCFG_ERR_FAIL, "element not found or configuration unreadable"},
+    {QORCFG_ERR_NOMEM, "out of memory"},
+    {QORCFG_ERR_GROUP, "unknown group"},
+    {QORCFG_ERR_ITEM, "item not found"},
+    {QORCFG_ERR_TOOLONG, "value too long"},
+    {QORCFG_ERR_NOTEXT, "nothing to write"},
+    {QORCFG_ERR_OPEN, "file cannot be opened"},
+    {QORCFG_ERR_TARGET, "forbidden character or job not started"},
+    {QORCFG_ERR_PRODUCT, "unknown product ID"},
+    {QORCFG_ERR_LOCK, "lock cannot be taken"},
+    {QORCFG_ERR_MISSING, "file, key or value missing"},
+    {QORCFG_ERR_INVALID, "value rejected"},
+    {QORCFG_ERR_PENDING, "another change set is pending"},
+    {QORCFG_ERR_MAX, "index at or beyond the maximum"},
+    {QORCFG_ERR_REBOOT, "a radio change needs a reboot"},
+    {QORCFG_ERR_DAEMON, "daemon transport failure"},
+    {QORCFG_ERR_DAEMON_SOCKET, "daemon socket cannot be created"},
+    {QORCFG_ERR_DAEMON_CONNECT, "daemon not reachable"},
+    {QORCFG_ERR_DAEMON_SEND, "daemon request not sent"},
+    {QORCFG_ERR_DAEMON_RECV, "daemon reply not received"},
+};
+
+const char *code_words(int code) {
+    for (const CodeWords &c : kCodeWords) {
+        if (c.code == code)
+            return c.words;
+    }
+    return "failure";
+}
+
+int exit_status(int code) {
+    if (code == QORCFG_OK)
+        return 0;
+    if (code < 0 && code > -100)
+        return -code;
+    if (code <= QORCFG_ERR_DAEMON && code >= QORCFG_ERR_DAEMON_RECV)
+        return -code - 10000 + 100;
+    return 1;  // the access lock, and codes outside the table
+}
+
+// Reports a failed lookup; returns the exit status.
+int fail(const std::string &what, int code) {
+    std::fprintf(stderr, "qorcfg: %s: %s (%d)\n", what.c_str(), code_words(code), code);
+    return exit_status(code);
+}
+
+int usage_error(std::string_view what, std::string_view reason) {
+    std::fprintf(stderr, "qorcfg: %.*s: %.*s\nTry 'qorcfg --help' for more information.\n",
+                 static_cast<int>(what.size()), what.data(), static_cast<int>(reason.size()),
+                 reason.data());
+    return kExitUsage;
+}
+
+// ---- arguments ------------------------------------------------------------------------
+
+// A GROUP argument: a group ID when it starts with "0x", else a group name.
+struct GroupArg {
+    bool by_id = false;
+    uint32_t gid = 0;
+    const std::string *name = nullptr;
+};
+
+// Parses "0x" and 1 to 8 hex digits; false for anything else.
+bool parse_gid(std::string_view text, uint32_t &gid) {
+    text.remove_prefix(2);
+    if (text.empty() || text.size() > 8)
+        return false;
+    uint32_t value = 0;
+    for (char c : text) {
+        uint32_t digit;
+        if (c >= '0' && c <= '9')
+            digit = static_cast<uint32_t>(c - '0');
+        else if (c >= 'a' && c <= 'f')
+            digit = static_cast<uint32_t>(c - 'a' + 10);
+        else if (c >= 'A' && c <= 'F')
+            digit = static_cast<uint32_t>(c - 'A' + 10);
+        else
+            return false;
+        value = value << 4 | digit;
+    }
+    gid = value;
+    return true;
+}
+
+// Fills `group` from `text`; prints the usage error and returns false when
+// the text is unusable.
+bool group_arg(const std::string &what, const std::string &text, GroupArg &group, int &status) {
+    if (text.starts_with("0x") || text.starts_with("0X")) {
+        group.by_id = true;
+        if (!parse_gid(text, group.gid)) {
+            status = usage_error(what, "bad group ID (0x and 1 to 8 hex digits)");
+            return false;
+        }
+        return true;
+    }
+    if (text.size() > kMaxGroupName) {
+        status = usage_error(what, "group name longer than 128 characters");
+        return false;
+    }
+    group.name = &text;
+    return true;
+}
+
+qorcfg_group *group_row(const GroupArg &group) {
+    return group.by_id ? group_by_gid(group.gid) : group_by_name(group.name->c_str());
+}
+
+// "cmd arg1 arg2 ...": names a failed lookup in messages.
+std::string what_of(std::string_view command, const std::vector<std::string> &args) {
+    std::string what(command);
+    for (const std::string &a : args) {
+        what += ' ';
+        what += a;
+    }
+    return what;
+}
+
+// Owns an attribute list.
+struct AttrList {
+    qorcfg_attr *head = nullptr;
+    explicit AttrList(qorcfg_attr *list) : head(list) {}
+    ~AttrList() { free_attr_list(head); }
+    AttrList(const AttrList &) = delete;
+    AttrList &operator=(const AttrList &) = delete;
+};
+
+const char *text_or_empty(const char *text) {
+    return text != nullptr ? text : "";
+}
+
+void print_name_values(const qorcfg_attr *list) {
+    for (const qorcfg_attr *a = list; a != nullptr; a = a->next)
+        std::printf("%s=%s\n", text_or_empty(a->name), text_or_empty(a->value));
+}
+
+// ---- commands -------------------------------------------------------------------------
+
+int cmd_get(const std::vector<std::string> &args) {
+    const std::string what = what_of("get", args);
+    const std::string &item = args[1];
+    GroupArg group;
+    int status = 0;
+    if (!group_arg(what, args[0], group, status))
+        return status;
+    if (item.size() > kMaxItemName)
+        return usage_error(what, "item name longer than 64 characters");
+
+    qorcfg_handle *handle = init_qorcfg();
+    if (handle == nullptr)
+        return fail(what, QORCFG_ERR_FAIL);
+    std::vector<char> value(kValueBuffer, '\0');
+    int rc = group.by_id
+                 ? get_cfg_item(handle, group.gid, item.c_str(), value.data())
+                 : get_cfg_item_by_str(handle, group.name->c_str(), item.c_str(), value.data());
+    close_qorcfg(handle);
+    if (rc != QORCFG_OK)
+        return fail(what, rc);
+    value.back() = '\0';
+    std::printf("%s\n", value.data());
+    return 0;
+}
+
+int cmd_get_path(const std::vector<std::string> &args) {
+    const std::string what = what_of("get-path", args);
+    const std::string &path = args[0];
+    const char *attr = args.size() > 1 ? args[1].c_str() : nullptr;
+    AttrList list(get_item_by_path(attr, path.c_str()));
+    if (list.head == nullptr) {
+        // No list says neither whether the element or the attribute is
+        // missing: the element's own attributes tell.
+        if (attr != nullptr && AttrList(get_item_by_path(nullptr, path.c_str())).head != nullptr)
+            return fail(what, QORCFG_ERR_ITEM);
+        return fail(what, QORCFG_ERR_FAIL);
+    }
+    if (attr != nullptr)
+        std::printf("%s\n", text_or_empty(list.head->value));
+    else
+        print_name_values(list.head);
+    return 0;
+}
+
+int cmd_show(const std::vector<std::string> &args) {
+    const std::string what = what_of("show", args);
+    GroupArg group;
+    int status = 0;
+    if (!group_arg(what, args[0], group, status))
+        return status;
+    const qorcfg_group *row = group_row(group);
+    if (row == nullptr)
+        return fail(what, QORCFG_ERR_GROUP);
+    AttrList list(get_item_by_path(nullptr, row->path));
+    if (list.head == nullptr)
+        return fail(what, QORCFG_ERR_FAIL);
+    print_name_values(list.head);
+    return 0;
+}
+
+int cmd_list_children(const std::vector<std::string> &args) {
+    const std::string what = what_of("list-children", args);
+    GroupArg group;
+    int status = 0;
+    if (!group_arg(what, args[0], group, status))
+        return status;
+    qorcfg_handle *handle = init_qorcfg();
+    if (handle == nullptr)
+        return fail(what, QORCFG_ERR_FAIL);
+    // The listed element is taken out of the handle's document; the rest
+    // of the document is given back as usual.
+    AttrList list(group.by_id ? list_child_by_gid(handle, group.gid)
+                              : list_child_by_str(handle, group.name->c_str()));
+    close_qorcfg(handle);
+    if (list.head == nullptr) {
+        const qorcfg_group *row = group_row(group);
+        if (row == nullptr)
+            return fail(what, QORCFG_ERR_GROUP);
+        // An element without children lists nothing; a missing one fails.
+        if (AttrList(get_item_by_path(nullptr, row->path)).head == nullptr)
+            return fail(what, QORCFG_ERR_FAIL);
+        return 0;
+    }
+    for (const qorcfg_attr *a = list.head; a != nullptr; a = a->next) {
+        if (a->index < 0)
+            std::printf("%s\n", text_or_empty(a->name));
+        else
+            std::printf("%s:%d\n", text_or_empty(a->name), static_cast<int>(a->index));
+    }
+    return 0;
+}
+
+int cmd_groups(const std::vector<std::string> &) {
+    for (const qorcfg_group *g = group_table; g->gid != 0; ++g) {
+        std::printf("0x%08x %s %s\n", static_cast<unsigned>(g->gid), text_or_empty(g->name),
+                    text_or_empty(g->path));
+    }
+    return 0;
+}
+
+struct Command {
+    const char *name;
+    size_t min_args;
+    size_t max_args;
+    const char *usage;
+    int (*run)(const std::vector<std::string> &);
+};
+
+constexpr Command kCommands[] = {
+    {"get", 2, 2, "get GROUP ITEM", cmd_get},
+    {"get-path", 1, 2, "get-path PATH [ITEM]", cmd_get_path},
+    {"show", 1, 1, "show GROUP", cmd_show},
+    {"list-children", 1, 1, "list-children GROUP", cmd_list_children},
+    {"groups", 0, 0, "groups", cmd_groups},
+};
+
+// Offline, on an unpacked device root, the device's commands and signals
+// must not reach this machine: they are recorded, not run, and reported on
+// standard error when the tool ends.
+qorcfg::os::Runner g_offline;
+
+void report_offline() {
+    for (const qorcfg::os::Command &c : g_offline.commands())
+        std::fprintf(stderr, "qorcfg: not run offline: %s\n", c.line.c_str());
+    for (const qorcfg::os::Signal &s : g_offline.signals())
+        std::fprintf(stderr, "qorcfg: not sent offline: signal %d to process %d\n", s.sig,
+                     static_cast<int>(s.pid));
+}
+
+// Points the OS seam at an unpacked device root; false when `dir` is no
+// directory.
+bool use_root(const std::string &dir) {
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    if (dir.empty() || !fs::is_directory(dir, ec))
+        return false;
+    fs::path abs = fs::absolute(dir, ec);
+    if (ec)
+        return false;
+    std::string root = abs.lexically_normal().string();
+    while (root.size() > 1 && root.back() == '/')
+        root.pop_back();
+    qorcfg::os::set_root(root);
+    qorcfg::os::set_runner(&g_offline);
+    std::string socket = (root == "/" ? std::string() : root) + "/tmp/qorcfgd_socket";
+    // No daemon can listen on a socket path longer than a socket address
+    // holds, so lookups go to the files straight away (and a cut path can
+    // never reach some other socket).
+    if (socket.size() >= sizeof(sockaddr_un{}.sun_path))
+        set_all_net_qorcfg_mode(0);
+    qorcfg::os::set_daemon_socket_path(socket);
+    return true;
+}
+
+int run(int argc, char **argv) {
+    int i = 1;
+    for (; i < argc; ++i) {
+        std::string_view arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(kHelp, stdout);
+            return 0;
+        }
+        if (arg == "--root" || arg.starts_with("--root=")) {
+            std::string dir;
+            if (arg == "--root") {
+                if (i + 1 >= argc)
+                    return usage_error("--root", "missing directory");
+                dir = argv[++i];
+            } else {
+                dir = std::string(arg.substr(7));
+            }
+            if (!use_root(dir))
+                return usage_error("--root " + dir, "not a directory");
+            continue;
+        }
+        if (arg.starts_with("-"))
+            return usage_error(arg, "unknown option");
+        break;
+    }
+    if (i >= argc)
+        return usage_error("usage", "no command given");
+
+    std::string_view name = argv[i];
+    std::vector<std::string> args(argv + i + 1, argv + argc);
+    for (const Command &command : kCommands) {
+        if (name != command.name)
+            continue;
+        if (args.size() < command.min_args)
+            return usage_error(name,
+                               std::string("missing argument (usage: ") + command.usage + ")");
+        if (args.size() > command.max_args)
+            return usage_error(name,
+                               std::string("too many arguments (usage: ") + command.usage + ")");
+        return command.run(args);
+    }
+    return usage_error(name, "unknown command");
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    int status;
+    try {
+        status = run(argc, argv);
+    } catch (const std::bad_alloc &) {
+        std::fprintf(stderr, "qorcfg: %s (%d)\n", code_words(QORCFG_ERR_NOMEM), QORCFG_ERR_NOMEM);
+        status = exit_status(QORCFG_ERR_NOMEM);
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "qorcfg: %s\n", e.what());
+        status = 1;
+    } catch (...) {
+        std::fprintf(stderr, "qorcfg: unexpected failure\n");
+        status = 1;
+    }
+    report_offline();
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+        std::fprintf(stderr, "qorcfg: standard output: %s\n", std::strerror(errno));
+        if (status == 0)
+            status = 1;
+    }
+    return status;
+}
