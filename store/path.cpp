@@ -38,8 +38,11 @@ ezxml_node *find_path(qorcfg_handle *handle, const char *path) {
     ezxml_node *node = tree_of(handle);
     if (node == nullptr)
         return nullptr;
+    // The walk cuts its own copy of the path; short paths (all real ones)
+    // are copied on the stack.
     size_t len = std::strlen(path);
-    auto *copy = static_cast<char *>(os::malloc(len + 1));
+    char local[256];
+    char *copy = len < sizeof local ? local : static_cast<char *>(os::malloc(len + 1));
     if (copy == nullptr)
         return nullptr;
     std::memcpy(copy, path, len + 1);
@@ -62,7 +65,8 @@ ezxml_node *find_path(qorcfg_handle *handle, const char *path) {
         if (index != 0)
             node = ezxml_idx(node, index);
     }
-    std::free(copy);
+    if (copy != local)
+        std::free(copy);
     return node;
 }
 
