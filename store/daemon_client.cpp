@@ -47,16 +47,14 @@ bool put_text(char *field, size_t size, const char *text) {
     return true;
 }
 
-// What one chunk decoded to.
-struct Chunk {
-    qorcfg_attr *first = nullptr;
-    qorcfg_attr *last = nullptr;
-};
+using Chunk = ReplyChunk;
+
+}  // namespace
 
 // Decodes the `n` bytes of one chunk. Header records set `more` and
 // `result`. On an allocation failure everything decoded from the chunk is
 // freed and the chunk yields nothing.
-Chunk decode_chunk(unsigned char *buf, size_t n, bool *more, int *result) {
+ReplyChunk decode_chunk(unsigned char *buf, size_t n, bool *more, int *result) {
     enum { kIdle, kNameSeen, kValueSeen } state = kIdle;
     Chunk out;
     const char *name = nullptr;
@@ -110,7 +108,6 @@ Chunk decode_chunk(unsigned char *buf, size_t n, bool *more, int *result) {
     return out;
 }
 
-}  // namespace
 }  // namespace qorcfg
 
 using namespace qorcfg;
@@ -165,7 +162,7 @@ extern "C" {
 QORCFG_API int get_attr_from_daemon(qorcfg_daemon_request request, qorcfg_attr **list) {
     if (list != nullptr)
         *list = nullptr;
-    int fd = os::socket(AF_UNIX, SOCK_STREAM, 0);
+    int fd = os::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return -10002;
     sockaddr_un addr;
@@ -182,7 +179,8 @@ QORCFG_API int get_attr_from_daemon(qorcfg_daemon_request request, qorcfg_attr *
         os::close(fd);
         return -10003;
     }
-    if (os::send(fd, &request, QORCFG_REQUEST_SENT, 0) == -1) {
+    // A daemon that closes before reading must give -10004, not SIGPIPE.
+    if (os::send(fd, &request, QORCFG_REQUEST_SENT, MSG_NOSIGNAL) == -1) {
         os::close(fd);
         return -10004;
     }
@@ -247,10 +245,42 @@ QORCFG_API int get_cfg_item_by_str_daemon(const char *file, const char *group, c
 QORCFG_API int get_cfg_item_by_all_args_daemon(const char *file, int32_t gid, const char *prefix,
                                                const char *group_path, const char *item,
                                                char *value) {
+    // Name requests carry the gid -1, whatever negative value was passed.
     uint32_t code = gid >= 0 ? QORCFG_REQ_BY_GID_PATH : QORCFG_REQ_BY_NAME_PATH;
     bool fits;
-    qorcfg_daemon_request req = make_request(code, file, item, prefix, group_path, gid, &fits);
+    qorcfg_daemon_request req =
+        make_request(code, file, item, prefix, group_path, gid >= 0 ? gid : -1, &fits);
     return single_item(req, fits, value);
 }
 
 }  // extern "C"
+
+namespace qorcfg {
+
+// Attribute list by group ID: code 5 with the sub-path, code 2 without.
+qorcfg_attr *attr_list_by_gid_daemon(const char *file, uint32_t gid, const char *sub, int *code) {
+    bool with_sub = sub != nullptr && sub[0] != '\0';
+    bool fits;
+    qorcfg_daemon_request req =
+        make_request(with_sub ? QORCFG_REQ_BY_GID_PATH : QORCFG_REQ_BY_GID, file, nullptr, nullptr,
+                     with_sub ? sub : nullptr, static_cast<int32_t>(gid), &fits);
+    qorcfg_attr *list = nullptr;
+    *code = fits ? get_attr_from_daemon(req, &list) : kNotSendable;
+    return list;
+}
+
+// Attribute list by group name or prefix: code 6 with the sub-path, code 3
+// without.
+qorcfg_attr *attr_list_by_name_daemon(const char *file, const char *name, const char *sub,
+                                      int *code) {
+    bool with_sub = sub != nullptr && sub[0] != '\0';
+    bool fits;
+    qorcfg_daemon_request req =
+        make_request(with_sub ? QORCFG_REQ_BY_NAME_PATH : QORCFG_REQ_BY_NAME, file, nullptr, name,
+                     with_sub ? sub : nullptr, -1, &fits);
+    qorcfg_attr *list = nullptr;
+    *code = fits ? get_attr_from_daemon(req, &list) : kNotSendable;
+    return list;
+}
+
+}  // namespace qorcfg

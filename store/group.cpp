@@ -128,10 +128,12 @@ private:
 };
 
 // The index of the platform's table, built once; NULL when it could not be
-// built (the lookups then scan).
+// built (the lookups then scan). A table still empty at the first lookup
+// (read before the platform filled it) is never indexed, so no lookup can
+// be frozen on an empty table.
 const Index *table_index() {
     static Index index;
-    static const bool built = index.build(group_table);
+    static const bool built = group_table[0].gid != 0 && index.build(group_table);
     return built ? &index : nullptr;
 }
 

@@ -190,7 +190,8 @@ void refresh(qorcfg_handle *handle) {
     qorcfg_net_record *record = handle->net;
     g_net_mode[0] = g_net_mode[1] = 0;
     qorcfg_handle *opened = !empty(record->path) ? init_qorcfg_f(record->path) : init_qorcfg();
-    if (opened != nullptr)
+    // A registered handle is loaded in place by the open itself.
+    if (opened != nullptr && opened != handle)
         adopt(handle, record, opened);
 }
 
@@ -200,7 +201,9 @@ void refresh_sub(qorcfg_handle *handle, const char *group, uint32_t gid) {
         return;
     g_net_mode[0] = g_net_mode[1] = 0;
     qorcfg_handle *opened = init_sub_qorcfg(group, gid, record->path);
-    if (opened != nullptr) {
+    if (opened == handle) {
+        // A registered handle, loaded in place by the open itself.
+    } else if (opened != nullptr) {
         adopt(handle, record, opened);
     } else {
         std::free(record);
@@ -243,7 +246,9 @@ extern "C" {
 QORCFG_API qorcfg_handle *shared_qorcfg[2] = {nullptr, nullptr};
 
 QORCFG_API int lock_qorcfg(int kind, int operation) {
-    int fd = os::open(lock_file(kind), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    // Not inherited by the commands the library starts: a background
+    // script must not keep a lock after it is released.
+    int fd = os::open(lock_file(kind), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0)
         return -7;
     if (os::flock(fd, operation) != 0) {
@@ -355,6 +360,8 @@ QORCFG_API qorcfg_handle *init_sub_qorcfg(const char *group, uint32_t gid, const
 QORCFG_API int close_qorcfg(qorcfg_handle *handle) {
     if (handle == nullptr)
         return -2;
+    if (handle == shared_qorcfg[0] || handle == shared_qorcfg[1])
+        return 0;  // a registered handle stays, in network mode too
     if (is_net(handle)) {
         std::free(handle->net);
         std::free(handle);

@@ -185,9 +185,9 @@ QORCFG_API int get_cfg_item_s(qorcfg_handle *handle, uint32_t gid, const char *i
             return result;
         refresh_sub(handle, nullptr, gid);
     }
-    ezxml_node *root = tree_of(handle);
-    if (root == nullptr)
+    if (is_net(handle) || handle->xml == nullptr)
         return -1;
+    ezxml_node *root = handle->xml;
     QORCFG_DEBUG("daemon error\n");
     const char *found = item != nullptr ? ezxml_attr(root, item) : nullptr;
     if (found == nullptr || value == nullptr) {
@@ -209,9 +209,9 @@ QORCFG_API int get_cfg_item_by_str_s(qorcfg_handle *handle, const char *group, c
             return result;
         refresh_sub(handle, group, 0);
     }
-    ezxml_node *root = tree_of(handle);
-    if (root == nullptr)
+    if (is_net(handle) || handle->xml == nullptr)
         return -1;
+    ezxml_node *root = handle->xml;
     QORCFG_DEBUG("daemon error\n");
     const char *found = item != nullptr ? ezxml_attr(root, item) : nullptr;
     if (found == nullptr || value == nullptr) {
@@ -228,9 +228,10 @@ namespace {
 
 // The body of the two prefix-and-group-path forms: daemon first, then the
 // group's subtree at "qorconfig.<group path>", read with its root's name as
-// the prefix.
+// the prefix. `traced`: the exported function that writes a debug line
+// before the local read.
 int by_path_s(qorcfg_handle *handle, const char *prefix, const char *group_path, const char *item,
-              char *value, bool trace) {
+              char *value, const char *traced) {
     if (handle == nullptr)
         return -1;
     if (qorcfg_net_record *record = net_record(handle)) {
@@ -242,12 +243,11 @@ int by_path_s(qorcfg_handle *handle, const char *prefix, const char *group_path,
         std::snprintf(path, sizeof path, "qorconfig.%s", group_path != nullptr ? group_path : "");
         refresh_sub(handle, path, 0);
     }
-    ezxml_node *root = tree_of(handle);
-    if (root == nullptr)
+    if (is_net(handle) || handle->xml == nullptr)
         return -1;
-    if (trace)
-        QORCFG_DEBUG("daemon error\n");
-    return get_cfg_item_by_prefix_direct(handle, root->name, item, value);
+    if (traced != nullptr && enable_qorcfg_debug)
+        qorcfg::debug_line(traced, __LINE__, "daemon error\n");
+    return get_cfg_item_by_prefix_direct(handle, handle->xml->name, item, value);
 }
 
 }  // namespace
@@ -256,12 +256,12 @@ extern "C" {
 
 QORCFG_API int get_cfg_item_by_path_gid_s(qorcfg_handle *handle, const char *prefix,
                                           const char *group_path, const char *item, char *value) {
-    return by_path_s(handle, prefix, group_path, item, value, false);
+    return by_path_s(handle, prefix, group_path, item, value, nullptr);
 }
 
 QORCFG_API int get_cfg_item_by_prefix_str_s(qorcfg_handle *handle, const char *prefix,
                                             const char *group_path, const char *item, char *value) {
-    return by_path_s(handle, prefix, group_path, item, value, true);
+    return by_path_s(handle, prefix, group_path, item, value, __func__);
 }
 
 QORCFG_API int get_devtype(qorcfg_handle *handle, char *value) {

@@ -39,9 +39,8 @@ char *field(const char *record, int k) {
 }
 
 const char *attr_of(qorcfg_handle *holder, const char *attr) {
-    if (holder == nullptr || holder->xml == nullptr || attr == nullptr)
-        return nullptr;
-    return ezxml_attr(holder->xml, attr);
+    ezxml_node *node = tree_of(holder);  // a network-mode holder is loaded first
+    return node != nullptr && attr != nullptr ? ezxml_attr(node, attr) : nullptr;
 }
 
 int type_code(const char *name) {

@@ -55,6 +55,22 @@ qorcfg_attr *new_attr(const char *name, const char *value);
 // value buffer.
 void copy_value(char *value, const char *text);
 
+// What one chunk of a daemon reply decoded to: its records, first and last.
+struct ReplyChunk {
+    qorcfg_attr *first = nullptr;
+    qorcfg_attr *last = nullptr;
+};
+
+// Decodes one received chunk of `n` bytes (rewriting its text lengths'
+// bytes in place); header records set `more` and `result`.
+ReplyChunk decode_chunk(unsigned char *buf, size_t n, bool *more, int *result);
+
+// The daemon forms of the attribute-list queries: the list, or NULL with
+// the daemon's result code (or a transport failure) in `code`.
+qorcfg_attr *attr_list_by_gid_daemon(const char *file, uint32_t gid, const char *sub, int *code);
+qorcfg_attr *attr_list_by_name_daemon(const char *file, const char *name, const char *sub,
+                                      int *code);
+
 // True for the daemon transport failures (-10001 to -10005).
 inline bool is_transport_failure(int code) {
     return code <= -10001 && code >= -10005;

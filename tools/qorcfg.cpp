@@ -34,10 +34,8 @@ constexpr int kExitUsage = 64;
 constexpr size_t kMaxItemName = 64;
 constexpr size_t kMaxGroupName = 128;
 
-// A lookup's value buffer. Values read from the file are cut to 255
-// characters, but a daemon's answer is copied whole, and one reply chunk
-// holds at most 4096 bytes: this is room for any value it can carry.
-constexpr size_t kValueBuffer = 8192;
+// A lookup's value buffer: values are cut to 255 characters and a zero.
+constexpr size_t kValueBuffer = 256;
 
 const char kHelp[] =
     "Usage: qorcfg [--root DIR] COMMAND [ARGUMENT...]\n"
@@ -61,11 +59,15 @@ const char kHelp[] =
     "\n"
     "get asks the configuration daemon first and reads the working copy when the\n"
     "daemon does not answer; the other commands read the working copy, which is\n"
-    "made from the flash copy when missing.\n"
+    "made from the flash copy when missing (a flash copy that holds no\n"
+    "configuration is restored from the factory defaults, as on the device).\n"
+    "The group ID 0x0 names the configuration's root: get 0x0 version, get 0x0\n"
+    "devtype (by the name \"0\" or \"0x0\" the two read the other way round).\n"
     "\n"
     "Options:\n"
     "  --root DIR   work on the device root unpacked at DIR (its files, locks and\n"
-    "               daemon socket DIR/tmp/qorcfgd_socket) instead of this device's\n"
+    "               daemon socket DIR/tmp/qorcfgd_socket) instead of this device's;\n"
+    "               commands and signals are reported, never run or sent\n"
     "  -h, --help   print this text and exit\n"
     "\n"
     "Exit status:\n"

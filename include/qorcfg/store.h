@@ -152,8 +152,8 @@ QORCFG_API int reset_qorcfg(void);
 
 /* Tag names of the handle's node's children (value NULL; index -1 for a single member). */
 QORCFG_API qorcfg_attr *qorcfg_list_all_child(qorcfg_handle *handle);
-/* Children of the element at `path`. The element found is then freed out of the caller's
- * document, with its subtree and the elements after it in document order. */
+/* Children of the element at `path`. The element found is then taken out of the caller's
+ * document and freed with its subtree (the document element itself stays). */
 QORCFG_API qorcfg_attr *list_child_by_path(qorcfg_handle *handle, const char *path);
 /* Children of the element of group `name`. */
 QORCFG_API qorcfg_attr *list_child_by_str(qorcfg_handle *handle, const char *name);
