@@ -5,9 +5,10 @@ cmake_minimum_required(VERSION 3.25)
 file(REMOVE_RECURSE ${WORK})
 file(MAKE_DIRECTORY ${WORK})
 file(GLOB seeds ${SEEDS}/*)
-if(seeds)
-  file(COPY ${seeds} DESTINATION ${WORK})
+if(NOT seeds)
+  message(FATAL_ERROR "no seeds in ${SEEDS}: a fuzzer that starts from nothing finds little")
 endif()
+file(COPY ${seeds} DESTINATION ${WORK})
 execute_process(
   COMMAND ${FUZZER} -max_total_time=${SECONDS} -timeout=10 -rss_limit_mb=2048 -max_len=65536
           -dict=${DICT} -artifact_prefix=${WORK}/../ -print_final_stats=1 ${WORK}
