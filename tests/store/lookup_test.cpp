@@ -3,14 +3,9 @@
 // values cut at 255 characters, the sub-tree forms, reading by path and item
 // lists, item metadata, and the daemon queries with their fallback to the file.
 #include <arpa/inet.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -20,13 +15,13 @@
 #include <regex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <vector>
 
 #include "os/os.h"
 #include "qorcfg.h"
 #include "store/platform.h"
+#include "tests/support/daemon_wire.h"
 #include "tests/support/sandbox.h"
 
 namespace {
@@ -545,106 +540,17 @@ TEST_F(LookupTest, RuleAndTypeOfAnItemInAGroup) {
 
 // ---- the daemon --------------------------------------------------------------------
 
-std::string be16(size_t v) {
-    return {static_cast<char>((v >> 8) & 0xff), static_cast<char>(v & 0xff)};
-}
-std::string be32(uint32_t v) {
-    return be16(v >> 16) + be16(v & 0xffff);
-}
-std::string header(uint32_t flags, int32_t result) {
-    return "\x01" + be16(12) + std::string(4, '\0') + be32(flags) +
-           be32(static_cast<uint32_t>(result));
-}
-std::string text_record(char type, const std::string &text) {
-    return std::string(1, type) + be16(text.size()) + text + std::string(1, '\0');
-}
-std::string index_record(int32_t index) {
-    return "\x05" + be16(4) + be32(static_cast<uint32_t>(index));
-}
-const std::string kEnd(3, '\0');
+using qorcfg::test::be32;
+using qorcfg::test::FakeDaemon;
+using qorcfg::test::header;
+using qorcfg::test::index_record;
+using qorcfg::test::kEnd;
+using qorcfg::test::request;
+using qorcfg::test::text_record;
+
 std::string item_reply(const std::string &value) {
     return header(0, 0) + text_record(3, "item") + text_record(4, value) + kEnd;
 }
-// The 1,011 bytes a request puts on the socket.
-std::string request(uint32_t code, const std::string &file, const std::string &item,
-                    const std::string &name, const std::string &path, int32_t gid) {
-    std::string r(QORCFG_REQUEST_SENT, '\0');
-    r.replace(0, file.size(), file);
-    r[513] = '_';
-    r.replace(552, 4, be32(code));
-    r.replace(556, item.size(), item);
-    r.replace(621, name.size(), name);
-    r.replace(750, path.size(), path);
-    r.replace(1007, 4, be32(static_cast<uint32_t>(gid)));
-    return r;
-}
-
-// A stand-in daemon on the sandbox's socket: one connection per reply, in
-// order; it keeps what each request put on the socket.
-class FakeDaemon {
-public:
-    explicit FakeDaemon(std::vector<std::string> replies) : replies_(std::move(replies)) {
-        const std::string &path = qorcfg::os::daemon_socket_path();
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        listener_ = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        if (listener_ < 0 || path.size() >= sizeof addr.sun_path)
-            return;
-        std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-        ::unlink(path.c_str());  // left by an earlier daemon of the same test
-        ok_ = ::bind(listener_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 &&
-              ::listen(listener_, 8) == 0;
-        if (ok_)
-            thread_ = std::thread([this] { serve(); });
-    }
-    ~FakeDaemon() { stop(); }
-    bool ok() const { return ok_; }
-    // Stops serving (after at most a bounded wait) and returns the requests.
-    std::vector<std::string> stop() {
-        stop_ = true;
-        if (thread_.joinable())
-            thread_.join();
-        if (listener_ >= 0)
-            ::close(listener_);
-        listener_ = -1;
-        return requests_;
-    }
-
-private:
-    void serve() {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        for (const std::string &reply : replies_) {
-            int fd = -1;
-            while (fd < 0 && !stop_ && std::chrono::steady_clock::now() < deadline) {
-                pollfd p{listener_, POLLIN, 0};
-                if (::poll(&p, 1, 20) > 0)
-                    fd = ::accept(listener_, nullptr, nullptr);
-            }
-            if (fd < 0)
-                return;
-            std::string got;
-            char buf[2048];
-            pollfd p{fd, POLLIN, 0};
-            while (got.size() < QORCFG_REQUEST_SENT && ::poll(&p, 1, 10000) > 0) {
-                const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-                if (n <= 0)
-                    break;
-                got.append(buf, static_cast<size_t>(n));
-            }
-            for (ssize_t n; (n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;)
-                got.append(buf, static_cast<size_t>(n));  // anything more sent at once
-            requests_.push_back(got);
-            ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
-            ::close(fd);
-        }
-    }
-
-    std::vector<std::string> replies_, requests_;
-    int listener_ = -1;
-    bool ok_ = false;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
 
 TEST_F(LookupTest, WithoutDaemonNetworkHandlesFallBackToTheFile) {
     char v[QORCFG_VALUE_SIZE];

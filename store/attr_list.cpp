@@ -1,0 +1,423 @@
+// store/attr_list.cpp - attribute lists: every setting of a group, with
+// those of its repeated sub-elements, as (name, value, index) records; read
+// locally by group ID, group name or prefix, or asked of the daemon first.
+#include <cstdlib>
+#include <cstring>
+
+#include "os/os.h"
+#include "store/platform.h"
+#include "store/print.h"
+#include "store/store.h"
+
+namespace qorcfg {
+namespace {
+
+// A text joined from pieces, allocated; NULL when memory runs out.
+char *join(const char *a, const char *sep, const char *b) {
+    size_t la = std::strlen(a);
+    size_t ls = std::strlen(sep);
+    size_t lb = std::strlen(b);
+    auto *out = static_cast<char *>(os::malloc(la + ls + lb + 1));
+    if (out == nullptr)
+        return nullptr;
+    std::memcpy(out, a, la);
+    std::memcpy(out + la, sep, ls);
+    std::memcpy(out + la + ls, b, lb + 1);
+    return out;
+}
+
+// True when `prefix` occurs inside the path of a group-table row: the
+// element is a group of its own.
+bool inside_a_group_path(const char *prefix) {
+    for (const qorcfg_group *row = group_table; row->gid != 0; ++row) {
+        if (row->path != nullptr && std::strstr(row->path, prefix) != nullptr)
+            return true;
+    }
+    return false;
+}
+
+// True when the text after the first ':' of `prefix` is an index: decimal
+// digits up to the next '.' or the end.
+bool has_index(const char *prefix) {
+    const char *colon = std::strchr(prefix, ':');
+    if (colon == nullptr)
+        return false;
+    char index[257];
+    std::strncpy(index, colon + 1, sizeof index - 1);
+    index[sizeof index - 1] = '\0';
+    QORCFG_DEBUG("check existence of index %s\n", index);
+    const char *d = index;
+    if (*d < '0' || *d > '9')
+        return false;
+    while (*d >= '0' && *d <= '9')
+        ++d;
+    return *d == '\0' || *d == '.';
+}
+
+// The explicit stack of the walk: element, its prefix (owned), its index.
+class WalkStack {
+public:
+    ~WalkStack() {
+        for (size_t i = 0; i < n_; ++i)
+            std::free(entries_[i].prefix);
+        std::free(entries_);
+    }
+    bool push(ezxml_node *node, char *prefix, int index) {
+        if (prefix == nullptr)
+            return false;
+        if (n_ == cap_) {  // grows as needed, however deep the tree
+            size_t cap = cap_ == 0 ? 100 : cap_ * 2;
+            auto *grown = static_cast<Entry *>(os::realloc(entries_, cap * sizeof(Entry)));
+            if (grown == nullptr) {
+                std::free(prefix);
+                return false;
+            }
+            entries_ = grown;
+            cap_ = cap;
+        }
+        entries_[n_++] = Entry{node, prefix, index};
+        return true;
+    }
+    bool empty() const { return n_ == 0; }
+    void pop(ezxml_node **node, char **prefix, int *index) {
+        const Entry &e = entries_[--n_];
+        *node = e.node;
+        *prefix = e.prefix;
+        *index = e.index;
+    }
+
+private:
+    struct Entry {
+        ezxml_node *node;
+        char *prefix;
+        int index;
+    };
+    Entry *entries_ = nullptr;
+    size_t n_ = 0;
+    size_t cap_ = 0;
+};
+
+// The attribute walk from `start` (prefix `start_prefix`, index -1 for the
+// start): children first, then further same-name elements, then siblings;
+// sub-elements that are groups of their own, and indexed prefixes, are
+// skipped. NULL when memory runs out.
+qorcfg_attr *walk(ezxml_node *start, const char *start_prefix, int flags) {
+    qorcfg_attr *result = nullptr;
+    qorcfg_attr **tail = &result;
+    WalkStack stack;
+    if (!stack.push(start, os::strdup(start_prefix), -1))
+        return nullptr;
+    while (!stack.empty()) {
+        ezxml_node *e;
+        char *p;
+        int i;
+        stack.pop(&e, &p, &i);
+        QORCFG_DEBUG("cur_prefix = %s\n", p);
+        QORCFG_DEBUG("cur_idx    = %d\n", i);
+        QORCFG_DEBUG("cur_node   = %s\n", e->name);
+        if (i >= 0) {
+            if (inside_a_group_path(p)) {
+                QORCFG_DEBUG("current prefix matches group table, skip\n");
+                std::free(p);
+                continue;
+            }
+            if (has_index(p)) {
+                QORCFG_DEBUG("cur_prefix has index, skip\n");
+                std::free(p);
+                continue;
+            }
+        }
+        // The last of several same-name elements reports -1 when it is the
+        // first (index 0) of them; a repeated one reports its index.
+        int reported = i != -1 && (e->next != nullptr || i > 0) ? i : -1;
+        for (char **a = e->attr; *a != nullptr; a += 2) {
+            qorcfg_attr *record = new_attr(a[0], a[1]);
+            if (record == nullptr) {
+                free_attr_list(result);
+                std::free(p);
+                return nullptr;
+            }
+            record->index = reported;
+            *tail = record;
+            tail = &record->next;
+        }
+        bool ok = true;
+        if (e->sibling != nullptr && e != start) {
+            if (const char *dot = std::strrchr(p, '.')) {
+                size_t keep = static_cast<size_t>(dot - p) + 1;
+                size_t name = std::strlen(e->sibling->name);
+                auto *sp = static_cast<char *>(os::malloc(keep + name + 1));
+                if (sp != nullptr) {
+                    std::memcpy(sp, p, keep);
+                    std::memcpy(sp + keep, e->sibling->name, name + 1);
+                }
+                ok = stack.push(e->sibling, sp, 0);
+            }
+        }
+        if (ok && e->next != nullptr)
+            ok = stack.push(e->next, os::strdup(p), i + 1);
+        if (ok && e->child != nullptr && flags <= 0)
+            ok = stack.push(e->child, join(p, ".", e->child->name), 0);
+        std::free(p);
+        if (!ok) {
+            free_attr_list(result);
+            return nullptr;
+        }
+    }
+    return result;
+}
+
+// The root element's first and second attributes, index -1, in that order.
+qorcfg_attr *identity_list(qorcfg_handle *handle) {
+    ezxml_node *root = tree_of(handle);
+    if (root == nullptr || root->attr[0] == nullptr || root->attr[2] == nullptr)
+        return nullptr;
+    qorcfg_attr *first = new_attr(root->attr[0], root->attr[1]);
+    if (first == nullptr)
+        return nullptr;
+    first->next = new_attr(root->attr[2], root->attr[3]);
+    if (first->next == nullptr) {
+        free_attr_list(first);
+        return nullptr;
+    }
+    return first;
+}
+
+bool root_name(const char *name) {
+    return name != nullptr && (std::strcmp(name, "0") == 0 || std::strcmp(name, "0x0") == 0);
+}
+
+bool empty(const char *s) {
+    return s == nullptr || s[0] == '\0';
+}
+
+// A handle that holds a tree (not a network-mode one, not emptied).
+bool has_tree(const qorcfg_handle *handle) {
+    return handle != nullptr && !is_net(handle) && handle->xml != nullptr;
+}
+
+// True when the handle holds one group's subtree rather than a whole
+// configuration (whose root element is the first step of every path).
+bool holds_subtree(qorcfg_handle *handle, const qorcfg_group *row) {
+    ezxml_node *root = tree_of(handle);
+    if (root == nullptr || root->name == nullptr)
+        return false;
+    size_t n = std::strcspn(row->path, ".");
+    return std::strncmp(row->path, root->name, n) != 0 || root->name[n] != '\0';
+}
+
+}  // namespace
+
+}  // namespace qorcfg
+
+using namespace qorcfg;
+
+extern "C" {
+
+QORCFG_API qorcfg_attr *get_attr_list_by_gid_direct_f(qorcfg_handle *handle, uint32_t gid,
+                                                      const char *sub, int flags) {
+    if (handle == nullptr)
+        return nullptr;
+    if (gid == 0)
+        return identity_list(handle);
+    const qorcfg_group *row = group_by_gid(gid);
+    if (row == nullptr)
+        return nullptr;
+    ezxml_node *element;
+    if (flags & 2) {
+        refresh_sub(handle, nullptr, gid);
+        element = tree_of(handle);
+    } else if (sub != nullptr) {
+        ezxml_node *root = tree_of(handle);
+        char *path = root != nullptr ? join(root->name, ".", sub) : nullptr;
+        element = path != nullptr ? find_path(handle, path) : nullptr;
+        std::free(path);
+    } else {
+        element = find_path(handle, row->path);
+    }
+    return element != nullptr ? walk(element, row->path, flags) : nullptr;
+}
+
+QORCFG_API qorcfg_attr *get_attr_list_by_gid_direct(qorcfg_handle *handle, uint32_t gid,
+                                                    const char *sub) {
+    return get_attr_list_by_gid_direct_f(handle, gid, sub, -1);
+}
+
+QORCFG_API qorcfg_attr *get_attr_list_by_group_name_direct_f(qorcfg_handle *handle,
+                                                             const char *name, const char *sub,
+                                                             int flags) {
+    if (handle == nullptr)
+        return nullptr;
+    if (root_name(name))
+        return identity_list(handle);
+    const qorcfg_group *row = group_by_name(name);
+    if (row == nullptr)
+        return nullptr;
+    ezxml_node *element;
+    if (sub != nullptr) {
+        char *path = join(row->path, ".", sub);
+        element = path != nullptr ? find_path(handle, path) : nullptr;
+        std::free(path);
+    } else if ((flags & 2) && (refresh(handle), holds_subtree(handle, row))) {
+        // The handle holds the group's element itself (the _s forms switch
+        // it so); on a whole configuration the group's path is read, which
+        // is what a group-name read returns.
+        element = tree_of(handle);
+    } else {
+        element = find_path(handle, row->path);
+    }
+    return element != nullptr ? walk(element, row->path, flags & 1) : nullptr;
+}
+
+QORCFG_API qorcfg_attr *get_attr_list_by_group_name_direct(qorcfg_handle *handle, const char *name,
+                                                           const char *sub) {
+    return get_attr_list_by_group_name_direct_f(handle, name, sub, -1);
+}
+
+QORCFG_API qorcfg_attr *get_attr_list_by_prefix_direct_f(qorcfg_handle *handle, const char *prefix,
+                                                         const char *sub, int flags) {
+    if (handle == nullptr || prefix == nullptr)
+        return nullptr;
+    // Without a sub-path the full path is the prefix alone.
+    char *full = sub != nullptr ? join(prefix, ".", sub) : os::strdup(prefix);
+    if (full == nullptr)
+        return nullptr;
+    QORCFG_DEBUG("full_path = %s\n", full);
+    const qorcfg_group *row = group_by_path(full);
+    if (row == nullptr && std::strcmp(prefix, "qorconfig") != 0) {
+        row = group_by_name(prefix);
+        if (row == nullptr) {
+            std::free(full);
+            return nullptr;
+        }
+        std::free(full);
+        full = sub != nullptr ? join(row->path, ".", sub) : os::strdup(row->path);
+        if (full == nullptr)
+            return nullptr;
+        QORCFG_DEBUG("fixed full_path = %s\n", full);
+    }
+    ezxml_node *element;
+    if (flags & 2) {
+        refresh_sub(handle, full, 0);
+        element = tree_of(handle);
+    } else {
+        element = find_path(handle, sub != nullptr || row == nullptr ? full : row->path);
+    }
+    qorcfg_attr *list = nullptr;
+    if (element != nullptr) {
+        QORCFG_DEBUG("find node, get attr by full path\n");
+        list = walk(element, full, flags);
+    }
+    std::free(full);
+    return list;
+}
+
+QORCFG_API qorcfg_attr *get_attr_list_by_prefix_direct(qorcfg_handle *handle, const char *prefix,
+                                                       const char *sub) {
+    // The group-name reader, not the prefix reader: kept so on purpose.
+    return get_attr_list_by_group_name_direct_f(handle, prefix, sub, -1);
+}
+
+QORCFG_API qorcfg_attr *get_attr_list_by_gid(qorcfg_handle *handle, uint32_t gid, const char *sub) {
+    if (qorcfg_net_record *record = net_record(handle)) {
+        int code = 0;
+        if (qorcfg_attr *list = attr_list_by_gid_daemon(record->path, gid, sub, &code))
+            return list;
+        if (is_transport_failure(code))
+            refresh(handle);
+    }
+    return has_tree(handle) ? get_attr_list_by_gid_direct(handle, gid, sub) : nullptr;
+}
+
+QORCFG_API qorcfg_attr *get_attr_list_by_gid_s(qorcfg_handle *handle, uint32_t gid, const char *sub,
+                                               int flags) {
+    if (qorcfg_net_record *record = net_record(handle)) {
+        int code = 0;
+        if (qorcfg_attr *list = attr_list_by_gid_daemon(record->path, gid, sub, &code))
+            return list;
+        if (is_transport_failure(code)) {
+            if (gid != 0) {
+                refresh_sub(handle, nullptr, gid);
+                flags |= 2;
+            } else {
+                refresh(handle);
+            }
+        }
+    }
+    if (!has_tree(handle))
+        return nullptr;
+    QORCFG_DEBUG("daemon error\n");
+    return get_attr_list_by_gid_direct_f(handle, gid, sub, flags);
+}
+
+QORCFG_API qorcfg_attr *get_attr_list_by_group_name(qorcfg_handle *handle, const char *name,
+                                                    const char *sub) {
+    if (qorcfg_net_record *record = net_record(handle)) {
+        int code = 0;
+        if (qorcfg_attr *list = attr_list_by_name_daemon(record->path, name, sub, &code))
+            return list;
+        refresh(handle);  // whatever the daemon answered
+    }
+    return has_tree(handle) ? get_attr_list_by_group_name_direct(handle, name, sub) : nullptr;
+}
+
+}  // extern "C"
+
+namespace {
+
+// The _s forms by name or prefix: daemon first; on a transport failure the
+// handle is switched to the subtree at "name.sub" (or the whole
+// configuration for the root's names) and read with bit value 2 added.
+qorcfg_attr *by_name_s(qorcfg_handle *handle, const char *name, const char *sub, int flags,
+                       qorcfg_attr *(*local)(qorcfg_handle *, const char *, const char *, int)) {
+    if (qorcfg_net_record *record = net_record(handle)) {
+        int code = 0;
+        if (qorcfg_attr *list = attr_list_by_name_daemon(record->path, name, sub, &code))
+            return list;
+        if (is_transport_failure(code)) {
+            if (root_name(name)) {
+                refresh(handle);
+            } else {
+                char *at = name == nullptr ? nullptr
+                           : !empty(sub)   ? join(name, ".", sub)
+                                           : os::strdup(name);
+                refresh_sub(handle, at, 0);
+                std::free(at);
+                flags |= 2;
+            }
+        }
+    }
+    if (!has_tree(handle))
+        return nullptr;
+    QORCFG_DEBUG("daemon error\n");
+    return local(handle, name, sub, flags);
+}
+
+}  // namespace
+
+extern "C" {
+
+QORCFG_API qorcfg_attr *get_attr_list_by_group_name_s(qorcfg_handle *handle, const char *name,
+                                                      const char *sub, int flags) {
+    return by_name_s(handle, name, sub, flags, get_attr_list_by_group_name_direct_f);
+}
+
+QORCFG_API qorcfg_attr *get_attr_list_by_prefix_s(qorcfg_handle *handle, const char *prefix,
+                                                  const char *sub, int flags) {
+    return by_name_s(handle, prefix, sub, flags, get_attr_list_by_prefix_direct_f);
+}
+
+QORCFG_API qorcfg_attr *get_attr_list_by_prefix(qorcfg_handle *handle, const char *prefix,
+                                                const char *sub) {
+    if (qorcfg_net_record *record = net_record(handle)) {
+        int code = 0;
+        if (qorcfg_attr *list = attr_list_by_name_daemon(record->path, prefix, sub, &code))
+            return list;
+        if (is_transport_failure(code))
+            refresh(handle);
+    }
+    // The group-name reader: kept crossed on purpose.
+    return has_tree(handle) ? get_attr_list_by_group_name_direct(handle, prefix, sub) : nullptr;
+}
+
+}  // extern "C"

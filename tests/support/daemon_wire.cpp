@@ -1,0 +1,131 @@
+// tests/support/daemon_wire.cpp - see daemon_wire.h.
+#include "tests/support/daemon_wire.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <utility>
+
+#include "os/os.h"
+#include "qorcfg.h"
+
+namespace qorcfg::test {
+
+std::string be16(uint32_t v) {
+    return {static_cast<char>((v >> 8) & 0xff), static_cast<char>(v & 0xff)};
+}
+
+std::string be32(uint32_t v) {
+    return be16(v >> 16) + be16(v & 0xffff);
+}
+
+std::string header(uint32_t flags, int32_t result) {
+    return "\x01" + be16(12) + std::string(4, '\0') + be32(flags) +
+           be32(static_cast<uint32_t>(result));
+}
+
+std::string text_record(char type, const std::string &text) {
+    return std::string(1, type) + be16(static_cast<uint32_t>(text.size())) + text +
+           std::string(1, '\0');
+}
+
+std::string index_record(int32_t index) {
+    return "\x05" + be16(4) + be32(static_cast<uint32_t>(index));
+}
+
+std::string request(uint32_t code, const std::string &file, const std::string &item,
+                    const std::string &name, const std::string &path, int32_t gid) {
+    std::string r(QORCFG_REQUEST_SENT, '\0');
+    auto put = [&r](size_t at, size_t field, const std::string &text) {
+        r.replace(at, std::min(text.size(), field), text.substr(0, field));
+    };
+    put(0, 513, file);
+    r[513] = '_';
+    r.replace(552, 4, be32(code));
+    put(556, 65, item);
+    put(621, 129, name);
+    put(750, 257, path);
+    r.replace(1007, 4, be32(static_cast<uint32_t>(gid)));
+    return r;
+}
+
+FakeDaemon::FakeDaemon(std::vector<std::string> replies) : pad_(false) {
+    for (std::string &reply : replies)
+        replies_.push_back({std::move(reply)});
+    listen();
+}
+
+FakeDaemon::FakeDaemon(std::vector<std::vector<std::string>> chunked_replies)
+    : replies_(std::move(chunked_replies)), pad_(true) {
+    listen();
+}
+
+FakeDaemon::~FakeDaemon() {
+    stop();
+}
+
+void FakeDaemon::listen() {
+    const std::string &path = os::daemon_socket_path();
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    listener_ = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    if (listener_ < 0 || path.size() >= sizeof addr.sun_path)
+        return;
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    ::unlink(path.c_str());  // left by an earlier daemon of the same test
+    ok_ = ::bind(listener_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 &&
+          ::listen(listener_, 8) == 0;
+    if (ok_)
+        thread_ = std::thread([this] { serve(); });
+}
+
+std::vector<std::string> FakeDaemon::stop() {
+    stop_ = true;
+    if (thread_.joinable())
+        thread_.join();
+    if (listener_ >= 0)
+        ::close(listener_);
+    listener_ = -1;
+    return requests_;
+}
+
+void FakeDaemon::serve() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (const std::vector<std::string> &chunks : replies_) {
+        int fd = -1;
+        while (fd < 0 && std::chrono::steady_clock::now() < deadline) {
+            pollfd p{listener_, POLLIN, 0};
+            if (::poll(&p, 1, 20) > 0)
+                fd = ::accept(listener_, nullptr, nullptr);
+            else if (stop_)
+                break;
+        }
+        if (fd < 0)
+            return;
+        std::string got;
+        char buf[2048];
+        pollfd p{fd, POLLIN, 0};
+        while (got.size() < QORCFG_REQUEST_SENT && ::poll(&p, 1, 10000) > 0) {
+            const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+            if (n <= 0)
+                break;
+            got.append(buf, static_cast<size_t>(n));
+        }
+        for (ssize_t n; (n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;)
+            got.append(buf, static_cast<size_t>(n));  // anything more sent at once
+        requests_.push_back(got);
+        for (std::string chunk : chunks) {
+            if (pad_)
+                chunk.resize(std::max<size_t>(chunk.size(), 4096), '\0');
+            ::send(fd, chunk.data(), chunk.size(), MSG_NOSIGNAL);
+        }
+        ::close(fd);
+    }
+}
+
+}  // namespace qorcfg::test
