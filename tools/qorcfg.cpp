@@ -6,14 +6,12 @@
 // Values go to standard output, one per line; failures to standard error as
 // "qorcfg: <what failed>: <reason>", the reason being the library's result
 // code in words. The exit status follows the result code (see kHelp).
-#include <sys/un.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <filesystem>
 #include <new>
 #include <string>
 #include <string_view>
@@ -23,6 +21,7 @@
 #include "os/os.h"
 #include "qorcfg.h"
 #include "store/platform.h"
+#include "tools/offline.h"
 
 namespace {
 
@@ -46,10 +45,13 @@ const char kHelp[] =
     "  get GROUP ITEM          the value of ITEM in GROUP\n"
     "  get-path PATH [ITEM]    the attributes of the element at the dotted PATH, one\n"
     "                          \"name=value\" line each, or the value of its attribute ITEM\n"
-    "  show GROUP              the group's items, one \"name=value\" line each\n"
+    "  show GROUP              the group's attribute list, one \"name=value\" line each\n"
+    "                          (\"name[index]=value\" for repeated elements), from the\n"
+    "                          daemon when it answers, else from the working copy\n"
     "  list-children GROUP     the children of the group's element, one \"tag\" line each\n"
     "                          (\"tag:index\" for repeated elements)\n"
     "  groups                  the group table, one \"ID name path\" line each\n"
+    "  daemon-status           whether the configuration daemon answers\n"
     "\n"
     "GROUP is a group name (sys_device) or a group ID in hex (0x08080000). PATH\n"
     "starts at the root element and may pick the N-th of repeated elements with\n"
@@ -280,10 +282,33 @@ int cmd_show(const std::vector<std::string> &args) {
     const qorcfg_group *row = group_row(group);
     if (row == nullptr)
         return fail(what, QORCFG_ERR_GROUP);
-    AttrList list(get_item_by_path(nullptr, row->path));
+    // The group's attribute list, from the daemon when one answers, else
+    // from the working copy.
+    qorcfg_handle *handle = init_qorcfg();
+    if (handle == nullptr)
+        return fail(what, QORCFG_ERR_FAIL);
+    AttrList list(get_attr_list_by_group_name(handle, row->name, nullptr));
+    close_qorcfg(handle);
     if (list.head == nullptr)
         return fail(what, QORCFG_ERR_FAIL);
-    print_name_values(list.head);
+    for (const qorcfg_attr *a = list.head; a != nullptr; a = a->next) {
+        if (a->index >= 0)
+            std::printf("%s[%d]=%s\n", a->name, a->index, a->value != nullptr ? a->value : "");
+        else
+            std::printf("%s=%s\n", a->name, a->value != nullptr ? a->value : "");
+    }
+    return 0;
+}
+
+// Whether the configuration daemon answers on its socket.
+int cmd_daemon_status(const std::vector<std::string> &args) {
+    const std::string what = what_of("daemon-status", args);
+    char version[kValueBuffer] = "";
+    int code = get_cfg_item_daemon(config_ram, 0, "version", version);
+    if (code <= -10001 && code >= -10005)
+        return fail(what, code);
+    std::printf("qorcfgd answers on %s (configuration version %s)\n",
+                qorcfg::os::daemon_socket_path().c_str(), code == 0 ? version : "unknown");
     return 0;
 }
 
@@ -341,6 +366,7 @@ constexpr Command kCommands[] = {
     {"show", 1, 1, "show GROUP", cmd_show},
     {"list-children", 1, 1, "list-children GROUP", cmd_list_children},
     {"groups", 0, 0, "groups", cmd_groups},
+    {"daemon-status", 0, 0, "daemon-status", cmd_daemon_status},
 };
 
 // Offline, on an unpacked device root, the device's commands and signals
@@ -348,36 +374,17 @@ constexpr Command kCommands[] = {
 // standard error when the tool ends.
 qorcfg::os::Runner g_offline;
 
-void report_offline() {
-    for (const qorcfg::os::Command &c : g_offline.commands())
-        std::fprintf(stderr, "qorcfg: not run offline: %s\n", c.line.c_str());
-    for (const qorcfg::os::Signal &s : g_offline.signals())
-        std::fprintf(stderr, "qorcfg: not sent offline: signal %d to process %d\n", s.sig,
-                     static_cast<int>(s.pid));
-}
-
 // Points the OS seam at an unpacked device root; false when `dir` is no
 // directory.
 bool use_root(const std::string &dir) {
-    namespace fs = std::filesystem;
-    std::error_code ec;
-    if (dir.empty() || !fs::is_directory(dir, ec))
+    std::string socket, error;
+    if (!qorcfg::offline::use_root(dir, g_offline, socket, error))
         return false;
-    fs::path abs = fs::absolute(dir, ec);
-    if (ec)
-        return false;
-    std::string root = abs.lexically_normal().string();
-    while (root.size() > 1 && root.back() == '/')
-        root.pop_back();
-    qorcfg::os::set_root(root);
-    qorcfg::os::set_runner(&g_offline);
-    std::string socket = (root == "/" ? std::string() : root) + "/tmp/qorcfgd_socket";
     // No daemon can listen on a socket path longer than a socket address
     // holds, so lookups go to the files straight away (and a cut path can
     // never reach some other socket).
-    if (socket.size() >= sizeof(sockaddr_un{}.sun_path))
+    if (!qorcfg::offline::fits_socket_address(socket))
         set_all_net_qorcfg_mode(0);
-    qorcfg::os::set_daemon_socket_path(socket);
     return true;
 }
 
@@ -441,7 +448,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "qorcfg: unexpected failure\n");
         status = 1;
     }
-    report_offline();
+    qorcfg::offline::report("qorcfg", g_offline);
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
         std::fprintf(stderr, "qorcfg: standard output: %s\n", std::strerror(errno));
         if (status == 0)

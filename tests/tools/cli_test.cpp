@@ -293,6 +293,7 @@ const char *const kTranscripts[] = {
     "list_children_none",
     "list_children_unknown",
     "groups",
+    "daemon_status_absent",
     "usage_no_command",
     "usage_unknown_command",
     "usage_unknown_option",
