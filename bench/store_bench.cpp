@@ -14,24 +14,20 @@
 // removed at the end; nothing of the host's /tmp, /conf or /var is touched.
 // After the Google Benchmark table it prints the ratios.
 #include <benchmark/benchmark.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <map>
 #include <ostream>
-#include <random>
 #include <string>
 #include <system_error>
 #include <utility>
 #include <vector>
 
+#include "bench/sample_config.h"
 #include "os/os.h"
 #include "qorcfg.h"
 #include "store/group.h"
@@ -42,6 +38,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using benchmark::State;
+using qorcfg::bench::is_document;
+using qorcfg::bench::Query;
+using qorcfg::bench::walk;
 
 constexpr std::uint32_t kSeed = 1;
 constexpr std::size_t kTargetBytes = 300 * 1024;
@@ -49,83 +48,14 @@ constexpr std::size_t kLookups = 10000;
 // get_item_by_path without a shared handle parses the whole working copy on
 // every call: only this many of its answers are checked before timing.
 constexpr std::size_t kOpenChecked = 100;
-constexpr std::size_t kValueChars = QORCFG_VALUE_SIZE - 1;
 
 // ---- the configuration and the lookups ---------------------------------------------
 
-// One step of a dotted path: a child's name and its index among the
-// children of that name (0 for a plain step).
-struct Step {
-    std::string name;
-    int index;
-};
-
-// A group of the table whose element carries attributes, as the raw walk
-// and the store name it.
-struct Group {
-    std::uint32_t gid;
-    std::string name;
-    std::string path;
-    std::vector<Step> steps;  // below the root element
-    std::vector<std::string> items;
-};
-
-// One lookup: an item of a group, with the value the document holds.
-struct Query {
-    const Group *group;
-    const std::string *item;
-    std::string value;  // the whole attribute value
-    std::string cut;    // what a 256-byte value buffer receives
-};
-
-// Splits "qorconfig.a.b:2.c" into its steps; false when an index is not
-// decimal. The first step (the root element) is returned in `root`.
-bool split_path(const std::string &path, std::string &root, std::vector<Step> &steps) {
-    std::size_t start = 0;
-    bool first = true;
-    while (start <= path.size()) {
-        std::size_t dot = path.find('.', start);
-        std::string part = path.substr(start, dot == std::string::npos ? dot : dot - start);
-        int index = 0;
-        if (std::size_t colon = part.find(':'); colon != std::string::npos) {
-            std::string digits = part.substr(colon + 1);
-            if (digits.empty() || digits.find_first_not_of("0123456789") != std::string::npos) {
-                return false;
-            }
-            index = std::atoi(digits.c_str());
-            part.resize(colon);
-        }
-        if (first) {
-            root = part;
-            first = false;
-        } else {
-            steps.push_back({part, index});
-        }
-        if (dot == std::string::npos) {
-            break;
-        }
-        start = dot + 1;
-    }
-    return true;
-}
-
-ezxml_node *walk(ezxml_node *root, const std::vector<Step> &steps) {
-    ezxml_node *node = root;
-    for (const Step &s : steps) {
-        node = ezxml_child(node, s.name.c_str());
-        if (s.index > 0) {
-            node = ezxml_idx(node, s.index);
-        }
-    }
-    return node;
-}
-
-struct Fixture {
+// The sample configuration with its groups and lookups (rows whose ID or
+// name repeats are left out, so that every way of naming an item names the
+// same one), the scratch root and the handle.
+struct Fixture : qorcfg::bench::Sample {
     int scale = 0;
-    std::string doc;
-    std::size_t rows = 0;  // rows of group_table
-    std::vector<Group> groups;
-    std::vector<Query> queries;
     fs::path root;                    // the scratch root
     qorcfg_handle *handle = nullptr;  // init_qorcfg on the working copy, kept for the run
     std::string error;                // set when the fixture could not be made
@@ -149,146 +79,29 @@ void make_document(Fixture &f) {
     }
 }
 
-// The groups of the table with their items, read from a parsed copy of the
-// document; rows that a first-match lookup by ID or name would not reach
-// (a repeated ID or name) are left out, so that every way of naming an item
-// names the same one.
-void collect_groups(Fixture &f) {
-    std::string copy = f.doc;
-    ezxml_node *tree = ezxml_parse_str(copy.data(), copy.size());
-    if (tree == nullptr || *ezxml_error(tree) != '\0') {
-        f.error = std::string("the document does not parse: ") +
-                  (tree != nullptr ? ezxml_error(tree) : "no tree");
-        ezxml_free(tree);
-        return;
-    }
-    for (qorcfg_group *row = group_table; row->gid != 0; ++row) {
-        ++f.rows;
-        // Group names "0" and "0x0" read the root's identity instead.
-        if (row->name == nullptr || row->path == nullptr || std::strcmp(row->name, "0") == 0 ||
-            std::strcmp(row->name, "0x0") == 0 ||
-            qorcfg::scan_group_by_gid(group_table, row->gid) != row ||
-            qorcfg::scan_group_by_name(group_table, row->name) != row) {
-            continue;
-        }
-        Group g{row->gid, row->name, row->path, {}, {}};
-        std::string root_name;
-        if (!split_path(g.path, root_name, g.steps) || root_name != tree->name) {
-            continue;
-        }
-        ezxml_node *node = walk(tree, g.steps);
-        if (node == nullptr) {
-            continue;
-        }
-        for (char **a = node->attr; a[0] != nullptr; a += 2) {
-            g.items.emplace_back(a[0]);
-        }
-        if (!g.items.empty()) {
-            f.groups.push_back(std::move(g));
-        }
-    }
-    // Random items of random groups; std::mt19937's output is fixed by the
-    // standard, so the same seed picks the same items with any compiler.
-    std::mt19937 rng(kSeed);
-    f.queries.reserve(kLookups);
-    for (std::size_t i = 0; i < kLookups && !f.groups.empty(); ++i) {
-        const Group &g = f.groups[rng() % f.groups.size()];
-        const std::string &item = g.items[rng() % g.items.size()];
-        const char *value = ezxml_attr(walk(tree, g.steps), item.c_str());
-        std::string v = value != nullptr ? value : "";
-        f.queries.push_back({&g, &item, v, v.substr(0, kValueChars)});
-    }
-    ezxml_free(tree);
-    if (f.queries.empty()) {
-        f.error = "no group of the table has an element with attributes";
-    }
-}
-
-// A directory beside the executable (in the build tree), else in the
-// current directory.
-fs::path make_scratch_root() {
-    std::error_code ec;
-    std::vector<fs::path> bases;
-    if (fs::path exe = fs::read_symlink("/proc/self/exe", ec); !ec) {
-        bases.push_back(exe.parent_path());
-    }
-    bases.push_back(fs::current_path(ec));
-    for (const fs::path &base : bases) {
-        std::string tmpl = (base / "store_bench.XXXXXX").string();
-        if (mkdtemp(tmpl.data()) != nullptr) {
-            return tmpl;
-        }
-    }
-    return {};
-}
-
-// What a run ended early by a signal (an interrupt, a closed output pipe)
-// must remove: the files the benchmark and the store make in the scratch
-// root, then its directories, deepest first. The handler only unlinks and
-// removes directories, which is safe in a signal handler, on paths made
-// beforehand.
-std::vector<std::string> scratch_files;
-std::vector<std::string> scratch_dirs;
-constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
-
-void remove_scratch_and_end(int sig) {
-    for (const std::string &p : scratch_files) {
-        unlink(p.c_str());
-    }
-    for (const std::string &p : scratch_dirs) {
-        rmdir(p.c_str());
-    }
-    std::signal(sig, SIG_DFL);
-    std::raise(sig);
-}
-
-void remove_scratch_on_signals(const fs::path &root) {
-    for (const char *p : {config_rom, config_ram}) {
-        scratch_files.push_back((root / fs::path(p).relative_path()).string());
-    }
-    for (const char *lock : {"qorcfg_ram", "qorcfg_rom", "qorcfg_backup", "qorcfg_restored",
-                             "qorcfg_current", "access_lock", "default_lock"}) {
-        scratch_files.push_back((root / "var/lock" / lock).string());
-    }
-    for (const char *p : {config_rom, config_ram}) {
-        scratch_dirs.push_back((root / fs::path(p).relative_path().parent_path()).string());
-    }
-    for (const char *dir : {"var/lock", "var"}) {
-        scratch_dirs.push_back((root / dir).string());
-    }
-    scratch_dirs.push_back(root.string());
-    for (int sig : kEndingSignals) {
-        std::signal(sig, remove_scratch_and_end);
-    }
-}
-
-bool write_file(const fs::path &root, const char *path, const std::string &text) {
-    fs::path host = root / fs::path(path).relative_path();
-    std::error_code ec;
-    fs::create_directories(host.parent_path(), ec);
-    std::ofstream out(host, std::ios::binary);
-    out << text;
-    out.close();
-    return !ec && out.good();
-}
-
 // The working and persistent copies in the scratch root, the store pointed
 // at it with local reads, and the handle opened.
 void set_up(Fixture &f) {
     make_document(f);
-    collect_groups(f);
+    f.error = qorcfg::bench::collect_queries(f, kSeed, kLookups, true);
     if (!f.error.empty()) {
         return;
     }
-    f.root = make_scratch_root();
+    f.root = qorcfg::bench::make_scratch_root("store_bench.XXXXXX");
     if (f.root.empty()) {
         f.error = "cannot make a scratch root";
         return;
     }
-    remove_scratch_on_signals(f.root);
+    // What the benchmark and the store make there, then its directories,
+    // deepest first.
+    qorcfg::bench::remove_scratch_on_signals(
+        f.root, {config_rom, config_ram},
+        {fs::path(config_rom).parent_path().string(), fs::path(config_ram).parent_path().string(),
+         "var/lock", "var"});
     std::error_code ec;
     fs::create_directories(f.root / "var/lock", ec);  // the store's lock files
-    if (ec || !write_file(f.root, config_rom, f.doc) || !write_file(f.root, config_ram, f.doc)) {
+    if (ec || !qorcfg::bench::write_file(f.root, config_rom, f.doc) ||
+        !qorcfg::bench::write_file(f.root, config_ram, f.doc)) {
         f.error = "cannot write the configuration into " + f.root.string();
         return;
     }
@@ -307,9 +120,7 @@ void tear_down(Fixture &f) {
     }
     qorcfg::os::set_root("");
     if (!f.root.empty()) {
-        for (int sig : kEndingSignals) {
-            std::signal(sig, SIG_DFL);
-        }
+        qorcfg::bench::default_signals();
         std::error_code ec;
         fs::remove_all(f.root, ec);
     }
@@ -499,13 +310,6 @@ void group_lookup(State &st, Column column, bool scan) {
                          static_cast<std::int64_t>(rows));
 }
 
-// ---- opening the working copy ----------------------------------------------------------
-
-bool is_document(ezxml_node *root) {
-    return root != nullptr && *ezxml_error(root) == '\0' &&
-           std::strcmp(root->name, "qorconfig") == 0;
-}
-
 // init_qorcfg_direct's root is wrapped in a heap cell, as init_qorcfg does
 // when it parses, and given back with close_qorcfg, so the timed pair is
 // the open and the close a handle goes through (no shared handle is
@@ -597,24 +401,8 @@ void register_all() {
 // The console table, then the costs as ratios: each figure is a rate
 // (items_per_second), so a cost ratio is the floor's rate over the measured
 // one.
-class RatioReporter : public benchmark::ConsoleReporter {
+class RatioReporter : public qorcfg::bench::RateReporter {
 public:
-    using ConsoleReporter::ConsoleReporter;
-
-    void ReportRuns(const std::vector<Run> &runs) override {
-        for (const Run &run : runs) {
-            // The run itself, or the median when repetitions were asked for.
-            bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            if (run.error_occurred || (run.run_type != Run::RT_Iteration && !median)) {
-                continue;
-            }
-            if (auto it = run.counters.find("items_per_second"); it != run.counters.end()) {
-                figures_[run.run_name.function_name] = it->second.value;
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-
     void print_ratios() {
         std::ostream &out = GetOutputStream();
         char line[200];
@@ -646,8 +434,8 @@ private:
     void row(std::ostream &out, const char *label, const std::string &slow,
              const std::string &fast) const {
         char line[200];
-        const double *s = figure(slow);
-        const double *f = figure(fast);
+        const double *s = rate(slow);
+        const double *f = rate(fast);
         if (s != nullptr && f != nullptr && *s > 0) {
             std::snprintf(line, sizeof line, "  %-28s %10.2f\n", label, *f / *s);
         } else {
@@ -656,13 +444,6 @@ private:
         }
         out << line;
     }
-
-    const double *figure(const std::string &name) const {
-        auto it = figures_.find(name);
-        return it == figures_.end() ? nullptr : &it->second;
-    }
-
-    std::map<std::string, double> figures_;
 };
 
 }  // namespace
@@ -685,8 +466,7 @@ int main(int argc, char **argv) {
         fixture.scale, fixture.doc.size(), static_cast<double>(fixture.doc.size()) / 1024.0,
         fixture.groups.size(), fixture.rows, fixture.queries.size(), kSeed);
     std::fflush(stdout);
-    RatioReporter reporter(isatty(STDOUT_FILENO) != 0 ? benchmark::ConsoleReporter::OO_ColorTabular
-                                                      : benchmark::ConsoleReporter::OO_Tabular);
+    RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.print_ratios();
     benchmark::Shutdown();
