@@ -11,6 +11,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -24,9 +25,11 @@
 #include <cstring>
 #include <new>
 #include <string_view>
+#include <utility>
 
 #include "os/os.h"
 #include "store/platform.h"
+#include "store/store.h"
 
 namespace qorcfg::daemon {
 namespace {
@@ -183,12 +186,22 @@ bool terminated(const char (&field)[N]) {
 // after the daemon failed: the group's element at "qorconfig.<path>" parsed
 // alone from the file, then the core read with that element's name as the
 // prefix. The text is formed in the client's 129-byte buffer, cut alike.
+//
+// The read takes the file's shared lock, which a writer (or a client that
+// holds the lock while it asks) may hold for long: waiting for it would
+// stall every client. So the lock is tried without waiting and held over
+// the read (another shared lock is then granted at once); when it is busy
+// the answer is kNotExpressible and the client reads the file itself.
 int item_by_path(const char *file, const char *path, const char *item, char *value) {
     value[0] = '\0';
+    const int held = lock_qorcfg(file_kind(file), LOCK_SH | LOCK_NB);
+    if (held < 0)
+        return kNotExpressible;
     std::string group_path = std::string("qorconfig.") + path;
     if (group_path.size() > 128)
         group_path.resize(128);
     ezxml_node *root = init_sub_qorcfg_direct(group_path.c_str(), 0, file);
+    unlock_qorcfg(held);
     if (root == nullptr)
         return -1;
     qorcfg_handle sub;
@@ -252,6 +265,8 @@ std::string answer(qorcfg_handle *ram, qorcfg_handle *current,
             break;
         default:
             result = item_by_path(file, request.path, request.item, value.data());
+            if (result == kNotExpressible)
+                return result_only(kNotExpressible);
             break;
     }
     return item_reply(result, request.item, value.data());
@@ -261,15 +276,21 @@ std::string answer(qorcfg_handle *ram, qorcfg_handle *current,
 
 namespace {
 
-// The write end of the self-pipe of the server that handles signals.
+// The write end of the self-pipe of the server that handles signals, and
+// what the signals asked for. The flags carry the request; the pipe only
+// wakes the loop, so a full pipe loses nothing.
 std::atomic<int> g_signal_fd{-1};
+std::atomic<bool> g_signal_reload{false};
+std::atomic<bool> g_signal_stop{false};
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
+              "used from a signal handler");
 
 extern "C" void on_signal(int sig) {
     const int saved = errno;
-    const char byte = sig == SIGUSR2 ? 'R' : 'T';
+    (sig == SIGUSR2 ? g_signal_reload : g_signal_stop).store(true);
     const int fd = g_signal_fd.load();
     if (fd >= 0) {
-        // A full pipe already holds a wake-up; nothing is lost.
+        const char byte = 'S';
         [[maybe_unused]] ssize_t n = ::write(fd, &byte, 1);
     }
     errno = saved;
@@ -397,11 +418,13 @@ bool Server::start() {
         wake_write_ = fds[1];
     }
     stop_requested_ = false;
-    load_files();
     if (!open_socket()) {
         stop();
         return false;
     }
+    // The pid file goes first and the files are parsed after it: a writer
+    // that commits in between then finds the pid and signals a re-read,
+    // instead of finding none and leaving the daemon on the old files.
     if (FILE *pid = os::fopen(kPidFile, "w")) {
         std::fprintf(pid, "%d\n", static_cast<int>(::getpid()));
         pid_written_ = std::fclose(pid) == 0;
@@ -410,6 +433,7 @@ bool Server::start() {
     }
     if (!pid_written_)
         complain(kPidFile, "cannot be written; writers cannot signal this daemon to re-read");
+    load_files();
     started_ = true;
     return true;
 }
@@ -474,6 +498,10 @@ bool Server::handle_signals() {
 }
 
 void Server::drop(size_t index) {
+    // A reply is ended by the close, not by a record, and a local socket
+    // has no reset to send: a reader cut off in the middle of a reply of
+    // several chunks sees a short list. So clients are dropped only when
+    // idle past the limit, and readers last when room is needed.
     if (clients_[index].fd >= 0)
         ::close(clients_[index].fd);
     clients_.erase(clients_.begin() + static_cast<std::ptrdiff_t>(index));
@@ -483,9 +511,13 @@ void Server::drop(size_t index) {
 void Server::drop_longest_idle() {
     if (clients_.empty())
         return;
-    auto oldest = std::min_element(
-        clients_.begin(), clients_.end(),
-        [](const Client &a, const Client &b) { return a.last_activity < b.last_activity; });
+    // Clients still sending their request go first: dropping one costs it
+    // only a retry, while a reader of a reply falls back to the file.
+    auto oldest =
+        std::min_element(clients_.begin(), clients_.end(), [](const Client &a, const Client &b) {
+            return std::make_pair(a.answered, a.last_activity) <
+                   std::make_pair(b.answered, b.last_activity);
+        });
     drop(static_cast<size_t>(oldest - clients_.begin()));
 }
 
@@ -496,8 +528,10 @@ void Server::accept_clients() {
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED)
                 continue;
-            if ((errno == EMFILE || errno == ENFILE) && !clients_.empty())
+            if (errno == EMFILE && !clients_.empty())
                 drop_longest_idle();  // frees a descriptor for the next turn
+            else if (errno != EAGAIN && errno != EWOULDBLOCK)
+                accept_paused_until_ = Clock::now() + std::chrono::milliseconds(100);
             return;
         }
         if (clients_.size() >= options_.max_clients)
@@ -587,16 +621,21 @@ bool Server::run_once(std::chrono::milliseconds timeout) {
             c.last_activity + options_.idle_timeout - now);
         wait = std::clamp(left + std::chrono::milliseconds(1), std::chrono::milliseconds(0), wait);
     }
+    const bool accepting = now >= accept_paused_until_;
+    if (!accepting)
+        wait = std::min(wait,
+                        std::chrono::ceil<std::chrono::milliseconds>(accept_paused_until_ - now));
     std::vector<pollfd> fds;
     fds.reserve(clients_.size() + 2);
     fds.push_back({wake_read_, POLLIN, 0});
-    fds.push_back({listener_, POLLIN, 0});
+    fds.push_back({accepting ? listener_ : -1, POLLIN, 0});  // poll skips a negative fd
     for (const Client &c : clients_)
         fds.push_back({c.fd, static_cast<short>(c.answered ? POLLOUT : POLLIN), 0});
     const int ready = ::poll(fds.data(), fds.size(),
                              static_cast<int>(std::min<long long>(wait.count(), 1 << 30)));
     if (ready < 0 && errno != EINTR) {
         complain("poll", std::strerror(errno));
+        ::poll(nullptr, 0, 100);  // whatever failed, not at full speed again
         return !stop_requested_;
     }
 
@@ -604,13 +643,13 @@ bool Server::run_once(std::chrono::milliseconds timeout) {
         char bytes[64];
         ssize_t n;
         while ((n = ::read(wake_read_, bytes, sizeof bytes)) > 0) {
-            for (ssize_t i = 0; i < n; ++i) {
-                if (bytes[i] == 'R')
-                    reload_requested_ = true;
-                else if (bytes[i] == 'T')
-                    stop_requested_ = true;
-            }
         }
+    }
+    if (g_signal_fd.load() == wake_write_ && wake_write_ >= 0) {
+        if (g_signal_stop.exchange(false))
+            stop_requested_ = true;
+        if (g_signal_reload.exchange(false))
+            reload_requested_ = true;
     }
     if (stop_requested_)
         return false;

@@ -7,7 +7,9 @@
 // fixed-size request record and gets one reply made of 4,096-byte chunks of
 // type-length-value records; the daemon then closes the connection. Both
 // files are parsed at start and again on request (SIGUSR2); requests are
-// answered from those parsed handles.
+// answered from those parsed handles, except item reads by group path,
+// which read the file as a client's own fallback does (without ever
+// waiting for its lock).
 #pragma once
 
 #include <atomic>
@@ -27,8 +29,10 @@ inline constexpr size_t kChunkSize = 4096;
 // than one).
 inline constexpr uint32_t kMoreChunks = 2;
 // Result code of a reply that cannot be expressed in the reply format (an
-// attribute too long for one chunk): the client takes it for a transport
-// failure and reads the file itself, so it still sees the local answer.
+// attribute too long for one chunk) or not given without waiting (a path
+// read while a writer holds the file's lock): the client takes it for a
+// transport failure and reads the file itself, so it still sees the local
+// answer.
 inline constexpr int32_t kNotExpressible = -10001;
 // Pid file of the daemon (through the OS seam, so below the root when one
 // is set).
@@ -117,6 +121,10 @@ private:
     qorcfg_handle *ram_ = nullptr;
     qorcfg_handle *current_ = nullptr;
     int listener_ = -1;
+    // After an accept error that waiting cures (no descriptors or memory
+    // left), the listener is left out of the poll until then, rather than
+    // waking the loop at once, again and again.
+    std::chrono::steady_clock::time_point accept_paused_until_{};
     int wake_read_ = -1;
     int wake_write_ = -1;
     bool started_ = false;

@@ -5,6 +5,7 @@
 // or slow clients that must not stall the others.
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -687,6 +688,23 @@ TEST_F(DaemonAnswer, AnAttributeTooLongForAChunkSendsTheClientToTheFile) {
     EXPECT_TRUE(r.records.empty());
 }
 
+TEST_F(DaemonAnswer, PathReadsNeverWaitForAWritersLock) {
+    // A path read parses the file under its shared lock. While a writer
+    // (here: this process, through another descriptor) holds the lock, the
+    // daemon must not wait: it sends the client to the file instead.
+    const int32_t device = static_cast<int32_t>(gid_of("sys_device"));
+    const std::string before = answer(QORCFG_REQ_BY_GID_PATH, "name", "", "system.device", device);
+    ASSERT_TRUE(decode(before).well_formed);
+    const int writer = lock_qorcfg(1, LOCK_EX);
+    ASSERT_GE(writer, 0);
+    Reply busy = decode(answer(QORCFG_REQ_BY_GID_PATH, "name", "", "system.device", device));
+    unlock_qorcfg(writer);
+    ASSERT_TRUE(busy.well_formed) << busy.problem;
+    EXPECT_EQ(busy.result(), qorcfg::daemon::kNotExpressible);
+    EXPECT_TRUE(busy.records.empty());
+    EXPECT_EQ(answer(QORCFG_REQ_BY_GID_PATH, "name", "", "system.device", device), before);
+}
+
 // =============================================================================
 // Through the socket, against the local reads
 // =============================================================================
@@ -1261,6 +1279,42 @@ TEST_F(DaemonRobustness, IdleClientsAreDropped) {
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 250ms);
     ::close(idle);
     expect_served();
+}
+
+TEST_F(DaemonRobustness, RoomIsMadeFromClientsStillSendingBeforeReaders) {
+    // A reader cut off mid-reply would see a short list (the close ends a
+    // reply), so a waiting reader outlives newer clients that sent nothing.
+    install_configuration(sandbox, config_with_vlan_entries(12000));
+    qorcfg_handle *local = parsed(config_ram);
+    ASSERT_NE(local, nullptr);
+    const uint32_t vlan = gid_of("vlan");
+    const std::vector<Record> want = records_of(get_attr_list_by_gid_direct(local, vlan, nullptr));
+    close_qorcfg(local);
+    ThreadDaemon d(Options{3, 60s});
+    ASSERT_TRUE(d.started());
+    int reader = connect_raw();
+    ASSERT_GE(reader, 0);
+    ASSERT_TRUE(send_all(reader, request_bytes(QORCFG_REQ_BY_GID, config_ram, "", "", "",
+                                               static_cast<int32_t>(vlan))));
+    ASSERT_TRUE(readable(reader, 10s));  // answered; the rest waits for the reader
+    std::vector<int> silent;
+    for (int i = 0; i < 3; ++i) {
+        silent.push_back(connect_raw());
+        ASSERT_GE(silent.back(), 0);
+        std::this_thread::sleep_for(20ms);
+    }
+    // The third silent client took the room of the first, not the reader's.
+    EXPECT_TRUE(readable(silent[0], 10s));
+    char byte;
+    EXPECT_EQ(::recv(silent[0], &byte, 1, 0), 0);
+    bool closed = false;
+    Reply r = decode(read_to_end(reader, &closed, 60s));
+    EXPECT_TRUE(closed);
+    ASSERT_TRUE(r.well_formed) << r.problem;
+    EXPECT_EQ(r.records, want);
+    ::close(reader);
+    for (int fd : silent)
+        ::close(fd);
 }
 
 TEST_F(DaemonRobustness, PastTheLimitTheLongestIdleClientMakesRoom) {
