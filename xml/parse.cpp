@@ -834,19 +834,19 @@ bool refers_to(const char *name, const char *value, char **ent, bool *failed) {
         count += 2;
     // Depth-first over the entities' values, each visited once.
     auto *seen = static_cast<bool *>(os::calloc(count / 2 + 1, sizeof(bool)));
-    auto **todo = static_cast<const char **>(os::malloc((count / 2 + 1) * sizeof(char *)));
-    if (seen == nullptr || todo == nullptr) {
+    auto **pending = static_cast<const char **>(os::malloc((count / 2 + 1) * sizeof(char *)));
+    if (seen == nullptr || pending == nullptr) {
         std::free(seen);
-        std::free(todo);
+        std::free(pending);
         *failed = true;
         return false;
     }
     size_t name_len = std::strlen(name);
     size_t n = 0;
-    todo[n++] = value;
+    pending[n++] = value;
     bool found = false;
     while (n > 0 && !found) {
-        for (const char *s = todo[--n]; (s = std::strchr(s, '&')) != nullptr; ++s) {
+        for (const char *s = pending[--n]; (s = std::strchr(s, '&')) != nullptr; ++s) {
             if (std::strncmp(s + 1, name, name_len) == 0) {
                 found = true;
                 break;
@@ -854,12 +854,12 @@ bool refers_to(const char *name, const char *value, char **ent, bool *failed) {
             long i = find_entity(ent, s + 1);
             if (i >= 0 && !seen[i / 2]) {
                 seen[i / 2] = true;
-                todo[n++] = ent[i + 1];
+                pending[n++] = ent[i + 1];
             }
         }
     }
     std::free(seen);
-    std::free(todo);
+    std::free(pending);
     return found;
 }
 
