@@ -285,17 +285,16 @@ QORCFG_API qorcfg_handle *init_qorcfg(void) {
     return cell;
 }
 
-QORCFG_API ezxml_node *init_qorcfg_f_direct(const char *path) {
-    if (empty(path))
-        path = config_rom;
-    if (std::strcmp(path, config_ram) == 0 && prepare_ram() != 0)
-        return nullptr;
-    return parse_locked(path, file_kind(path), nullptr);
-}
+}  // extern "C"
 
-QORCFG_API qorcfg_handle *init_qorcfg_f(const char *path) {
-    if (empty(path))
-        path = config_rom;
+namespace {
+
+// The handle of the file `path`: for the working copy and the current
+// configuration the network-mode record, or the registered shared handle,
+// when there is one; otherwise a new cell holding what `parse` returns
+// (NULL when it returns none).
+template <typename Parse>
+qorcfg_handle *open_file_handle(const char *path, Parse parse) {
     int kind = file_kind(path);
     if (kind == 1 || kind == 5) {
         int slot = kind == 1 ? 0 : 1;
@@ -307,12 +306,30 @@ QORCFG_API qorcfg_handle *init_qorcfg_f(const char *path) {
     qorcfg_handle *cell = new_cell(nullptr);
     if (cell == nullptr)
         return nullptr;
-    cell->xml = init_qorcfg_f_direct(path);
+    cell->xml = parse();
     if (cell->xml == nullptr) {
         std::free(cell);
         return nullptr;
     }
     return cell;
+}
+
+}  // namespace
+
+extern "C" {
+
+QORCFG_API ezxml_node *init_qorcfg_f_direct(const char *path) {
+    if (empty(path))
+        path = config_rom;
+    if (std::strcmp(path, config_ram) == 0 && prepare_ram() != 0)
+        return nullptr;
+    return parse_locked(path, file_kind(path), nullptr);
+}
+
+QORCFG_API qorcfg_handle *init_qorcfg_f(const char *path) {
+    if (empty(path))
+        path = config_rom;
+    return open_file_handle(path, [path] { return init_qorcfg_f_direct(path); });
 }
 
 QORCFG_API ezxml_node *init_sub_qorcfg_direct(const char *group, uint32_t gid, const char *file) {
@@ -337,24 +354,8 @@ QORCFG_API ezxml_node *init_sub_qorcfg_direct(const char *group, uint32_t gid, c
 QORCFG_API qorcfg_handle *init_sub_qorcfg(const char *group, uint32_t gid, const char *file) {
     if (empty(file))
         file = config_rom;
-    int kind = file_kind(file);
-    if (kind == 1 || kind == 5) {
-        // The working copy and the current configuration are served whole.
-        int slot = kind == 1 ? 0 : 1;
-        if (g_net_mode[slot] == 1)
-            return new_net_handle(slot, kind == 1 ? config_ram : current_config);
-        if (qorcfg_handle *shared = get_shared_qorcfg(slot))
-            return shared;
-    }
-    qorcfg_handle *cell = new_cell(nullptr);
-    if (cell == nullptr)
-        return nullptr;
-    cell->xml = init_sub_qorcfg_direct(group, gid, file);
-    if (cell->xml == nullptr) {
-        std::free(cell);
-        return nullptr;
-    }
-    return cell;
+    // The working copy and the current configuration are served whole.
+    return open_file_handle(file, [&] { return init_sub_qorcfg_direct(group, gid, file); });
 }
 
 QORCFG_API int close_qorcfg(qorcfg_handle *handle) {

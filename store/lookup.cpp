@@ -37,6 +37,29 @@ const char *text(const char *s) {
     return s != nullptr ? s : "(null)";
 }
 
+// The root's identity items, read for group ID 0 and group names "0" and
+// "0x0": `first` names the item held in the root's first attribute,
+// `second` the one in its second; any other item is unknown (-4).
+int identity_item(qorcfg_handle *handle, const char *item, char *value, const char *first,
+                  const char *second) {
+    if (item != nullptr && std::strcmp(item, first) == 0)
+        return root_identity(handle, 0, value);
+    if (item != nullptr && std::strcmp(item, second) == 0)
+        return root_identity(handle, 1, value);
+    return -4;
+}
+
+// The core read of `item` in the element of the group `row`; a failure is
+// reported under the name of `caller`.
+int read_in_group(qorcfg_handle *handle, const qorcfg_group *row, const char *item, char *value,
+                  const char *caller) {
+    int result = get_cfg_item_by_prefix_direct(handle, row->path, item, value);
+    if (result != 0)
+        qorcfg_print("%s>return value of calling get_cfg_item_by_prefix_direct() = %d\n", caller,
+                     result);
+    return result;
+}
+
 }  // namespace
 }  // namespace qorcfg
 
@@ -96,24 +119,14 @@ QORCFG_API int get_cfg_item_direct(qorcfg_handle *handle, uint32_t gid, const ch
         value[0] = '\0';
     if (handle == nullptr)
         return -1;
-    if (gid == 0) {
-        // The configuration's identity: its version, then its device type.
-        if (item != nullptr && std::strcmp(item, "version") == 0)
-            return root_identity(handle, 0, value);
-        if (item != nullptr && std::strcmp(item, "devtype") == 0)
-            return root_identity(handle, 1, value);
-        return -4;
-    }
+    if (gid == 0)  // the configuration's identity: its version, then its device type
+        return identity_item(handle, item, value, "version", "devtype");
     const qorcfg_group *row = group_by_gid(gid);
     if (row == nullptr) {
         qorcfg_print("%s>Can't find group ID=%d\n", __func__, static_cast<int>(gid));
         return -3;
     }
-    int result = get_cfg_item_by_prefix_direct(handle, row->path, item, value);
-    if (result != 0)
-        qorcfg_print("%s>return value of calling get_cfg_item_by_prefix_direct() = %d\n", __func__,
-                     result);
-    return result;
+    return read_in_group(handle, row, item, value, __func__);
 }
 
 QORCFG_API int get_cfg_item_by_str_direct(qorcfg_handle *handle, const char *group,
@@ -125,22 +138,14 @@ QORCFG_API int get_cfg_item_by_str_direct(qorcfg_handle *handle, const char *gro
     if (group != nullptr && (std::strcmp(group, "0") == 0 || std::strcmp(group, "0x0") == 0)) {
         // By name the identity reads the other way round ("devtype" is the
         // root's first attribute); kept so, callers depend on it.
-        if (item != nullptr && std::strcmp(item, "devtype") == 0)
-            return root_identity(handle, 0, value);
-        if (item != nullptr && std::strcmp(item, "version") == 0)
-            return root_identity(handle, 1, value);
-        return -4;
+        return identity_item(handle, item, value, "devtype", "version");
     }
     const qorcfg_group *row = group_by_name(group);
     if (row == nullptr) {
         qorcfg_print("%s>Can't find group name=%s\n", __func__, text(group));
         return -3;
     }
-    int result = get_cfg_item_by_prefix_direct(handle, row->path, item, value);
-    if (result != 0)
-        qorcfg_print("%s>return value of calling get_cfg_item_by_prefix_direct() = %d\n", __func__,
-                     result);
-    return result;
+    return read_in_group(handle, row, item, value, __func__);
 }
 
 QORCFG_API int get_cfg_item(qorcfg_handle *handle, uint32_t gid, const char *item, char *value) {
