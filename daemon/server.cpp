@@ -398,10 +398,6 @@ bool Server::open_socket() {
         return false;
     }
     socket_bound_ = true;
-    if (::listen(listener_, SOMAXCONN) != 0) {
-        complain("listen", std::strerror(errno));
-        return false;
-    }
     return true;
 }
 
@@ -422,17 +418,20 @@ bool Server::start() {
         stop();
         return false;
     }
-    // The pid file goes first and the files are parsed after it: a writer
-    // that commits in between then finds the pid and signals a re-read,
-    // instead of finding none and leaving the daemon on the old files.
-    if (FILE *pid = os::fopen(kPidFile, "w")) {
-        std::fprintf(pid, "%d\n", static_cast<int>(::getpid()));
-        pid_written_ = std::fclose(pid) == 0;
-        if (!pid_written_)
-            os::unlink(kPidFile);
-    }
+    // The pid file is complete before the first client can connect (the
+    // socket listens only after it is in place), and the files are parsed
+    // after it: a writer that commits in between then finds the pid and
+    // signals a re-read, instead of finding none and leaving the daemon on
+    // the old files.
+    const std::string pid = std::to_string(::getpid()) + "\n";
+    pid_written_ = os::write_file(kPidFile, pid) == 0;
     if (!pid_written_)
         complain(kPidFile, "cannot be written; writers cannot signal this daemon to re-read");
+    if (::listen(listener_, SOMAXCONN) != 0) {
+        complain("listen", std::strerror(errno));
+        stop();
+        return false;
+    }
     load_files();
     started_ = true;
     return true;

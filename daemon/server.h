@@ -69,8 +69,9 @@ public:
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
 
-    // Parses both files, listens on qorcfg::os::daemon_socket_path() and
-    // writes the pid file. False (with a message on standard error) when the
+    // Binds qorcfg::os::daemon_socket_path(), writes the pid file whole,
+    // listens, then parses both files: a client that can connect finds the
+    // complete pid file. False (with a message on standard error) when the
     // socket cannot be set up or another daemon answers on it.
     bool start();
     // One turn of the loop: waits at most `timeout` for something to do and

@@ -11,11 +11,14 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -191,6 +194,132 @@ void *mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset)
 
 int munmap(void *addr, size_t length) {
     return ::munmap(addr, length);
+}
+
+// ---- writing a file whole ---------------------------------------------------------
+
+namespace {
+
+// Follows symbolic links from the device path `path` to the file it finally
+// names (which need not exist); an absolute link target is a device path
+// too. False with errno set when a link cannot be read or they loop.
+bool follow_links(std::string &path) {
+    for (int hops = 0; hops < 16; ++hops) {
+        char target[PATH_MAX];
+        ssize_t n = ::readlink(Rooted(path.c_str()).c_str(), target, sizeof target - 1);
+        if (n < 0)
+            return errno == EINVAL || errno == ENOENT;  // not a link, or nothing there yet
+        target[n] = '\0';
+        const size_t slash = path.rfind('/');
+        if (target[0] == '/' || slash == std::string::npos)
+            path = target;
+        else
+            path = path.substr(0, slash + 1) + target;
+    }
+    errno = ELOOP;
+    return false;
+}
+
+// Writes all of `data` to `fd` and flushes it to the device.
+bool write_all(int fd, std::string_view data) {
+    while (!data.empty()) {
+        if (faulted(Call::write))
+            return false;
+        ssize_t n = ::write(fd, data.data(), data.size());
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        data.remove_prefix(static_cast<size_t>(n));
+    }
+    if (faulted(Call::fsync))
+        return false;
+    return ::fsync(fd) == 0;
+}
+
+// Closes `fd`, keeping errno when `ok` is already false.
+bool close_after(int fd, bool ok) {
+    const int saved = errno;
+    const bool closed = ::close(fd) == 0;
+    if (!ok)
+        errno = saved;
+    return ok && closed;
+}
+
+// Creates a new file beside `host` (same directory, a name that starts with
+// a dot), open for writing; -1 when the directory takes none.
+int create_beside(const std::string &host, std::string &temp) {
+    static std::atomic<unsigned> serial{0};
+    const size_t slash = host.rfind('/');
+    const std::string dir = slash == std::string::npos ? std::string() : host.substr(0, slash + 1);
+    const std::string base = slash == std::string::npos ? host : host.substr(slash + 1);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        temp = dir + "." + base + ".new-" + std::to_string(::getpid()) + "-" +
+               std::to_string(serial.fetch_add(1));
+        if (faulted(Call::open))
+            return -1;
+        int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd >= 0 || errno != EEXIST)
+            return fd;
+    }
+    return -1;
+}
+
+// Flushes the directory entry of a renamed file; not every file system can,
+// and the file itself is already safe, so a failure changes nothing.
+void sync_directory(const std::string &host) {
+    const size_t slash = host.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : host.substr(0, slash + 1);
+    int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        ::fsync(fd);
+        ::close(fd);
+    }
+}
+
+}  // namespace
+
+int write_file(const char *path, std::string_view data) {
+    if (path == nullptr || path[0] == '\0') {
+        errno = ENOENT;
+        return -1;
+    }
+    std::string target = path;
+    if (!follow_links(target))
+        return -1;
+    const std::string host = Rooted(target.c_str()).c_str();
+    struct stat st;
+    const bool exists = ::stat(host.c_str(), &st) == 0;
+    if (exists && ::access(host.c_str(), W_OK) != 0)
+        return -1;
+
+    std::string temp;
+    int fd = create_beside(host, temp);
+    if (fd < 0) {
+        if (!exists)
+            return -1;
+        // The directory takes no new file, but the file may be written.
+        if (faulted(Call::open))
+            return -1;
+        fd = ::open(host.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+        if (fd < 0)
+            return -1;
+        return close_after(fd, write_all(fd, data)) ? 0 : -1;
+    }
+    bool ok = (!exists || ::fchmod(fd, st.st_mode & 07777) == 0) && write_all(fd, data);
+    ok = close_after(fd, ok);
+    if (ok && faulted(Call::rename))
+        ok = false;
+    if (ok)
+        ok = ::rename(temp.c_str(), host.c_str()) == 0;
+    if (!ok) {
+        const int saved = errno;
+        ::unlink(temp.c_str());
+        errno = saved;
+        return -1;
+    }
+    sync_directory(host);
+    return 0;
 }
 
 // ---- memory ---------------------------------------------------------------------

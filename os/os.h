@@ -53,6 +53,18 @@ int flock(int fd, int operation);
 void *mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset);
 int munmap(void *addr, size_t length);
 
+// Writes `data` as the whole new content of the file at `path`, so that
+// readers and a power cut see the old file or the new one, never a part:
+// a temporary file in the target's directory is written, flushed to the
+// device and renamed over the target (a symbolic link is followed to the
+// file it names, whose mode the new file keeps; a new file gets 0666 less
+// the umask), then the directory is flushed. On failure the old file stays
+// and the temporary one is removed. A target that exists but may not be
+// written fails first, as opening it for writing would. Where the directory
+// takes no new file but the target itself may be written, the target is
+// rewritten in place instead. 0, or -1 with errno set.
+int write_file(const char *path, std::string_view data);
+
 // ---- memory -----------------------------------------------------------------
 // Allocation through the seam so that tests can fail the Nth allocation.
 void *malloc(size_t size);
@@ -155,6 +167,8 @@ enum class Call {
     chdir,
     flock,
     mmap,
+    write,  // the writes of write_file()
+    fsync,
     alloc,  // malloc, calloc, realloc, strdup
     system,
     popen,

@@ -256,7 +256,7 @@ bool readable(int fd, std::chrono::milliseconds limit) {
 // What arrives on `fd` until the daemon closes it; `closed` tells whether
 // the orderly end came (rather than the time limit or an error), `reset`
 // whether the connection was reset instead.
-std::string read_to_end(int fd, bool *closed = nullptr, std::chrono::milliseconds limit = 20s,
+std::string read_to_end(int fd, bool *closed = nullptr, std::chrono::milliseconds limit = 60s,
                         bool *reset = nullptr) {
     std::string out;
     char buf[kChunk];
@@ -297,7 +297,7 @@ std::string exchange(const std::string &request, bool *closed = nullptr) {
     return reply;
 }
 
-bool wait_until(const std::function<bool()> &done, std::chrono::milliseconds limit = 20s) {
+bool wait_until(const std::function<bool()> &done, std::chrono::milliseconds limit = 60s) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!done()) {
         if (std::chrono::steady_clock::now() >= deadline)
@@ -1068,7 +1068,7 @@ TEST_F(SandboxTest, ChildDaemonReloadsOnSigusr2AndCleansUpOnSigterm) {
     // Its connection ends: orderly, or reset when its bytes were unread.
     bool closed = false;
     bool reset = false;
-    EXPECT_EQ(read_to_end(slow, &closed, 5s, &reset), "");
+    EXPECT_EQ(read_to_end(slow, &closed, 60s, &reset), "");
     EXPECT_TRUE(closed || reset);
     ::close(slow);
     EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "name", value), -10003);
@@ -1224,7 +1224,7 @@ TEST_F(DaemonRobustness, ClientsThatLeaveEarlyAreForgotten) {
         fd = connect_raw();
         ASSERT_TRUE(send_all(fd, request));
         char some[100];
-        ASSERT_TRUE(readable(fd, 10s));
+        ASSERT_TRUE(readable(fd, 60s));
         EXPECT_GT(::recv(fd, some, sizeof some, 0), 0);
         ::close(fd);
     }
@@ -1248,8 +1248,9 @@ TEST_F(DaemonRobustness, ASlowReaderGetsItsWholeReplyWhileOthersAreServed) {
     ASSERT_GE(reader, 0);
     ASSERT_TRUE(send_all(reader, request_bytes(QORCFG_REQ_BY_GID, config_ram, "", "", "",
                                                static_cast<int32_t>(vlan))));
-    ASSERT_TRUE(readable(reader, 10s));
-    std::this_thread::sleep_for(100ms);  // the daemon fills the socket and waits
+    // The first chunk is there; the daemon, on one thread, turns to the next
+    // client only after the reader's socket is full.
+    ASSERT_TRUE(readable(reader, 60s));
     for (int i = 0; i < 5; ++i) {
         Reply r = decode(
             exchange(request_bytes(QORCFG_REQ_BY_NAME, config_ram, "name", "sys_device", "", -1)));
@@ -1274,7 +1275,7 @@ TEST_F(DaemonRobustness, IdleClientsAreDropped) {
     ASSERT_TRUE(send_all(idle, std::string(10, '\0')));
     const auto begin = std::chrono::steady_clock::now();
     bool closed = false;
-    EXPECT_EQ(read_to_end(idle, &closed, 20s), "");
+    EXPECT_EQ(read_to_end(idle, &closed, 60s), "");
     EXPECT_TRUE(closed);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 250ms);
     ::close(idle);
@@ -1296,15 +1297,14 @@ TEST_F(DaemonRobustness, RoomIsMadeFromClientsStillSendingBeforeReaders) {
     ASSERT_GE(reader, 0);
     ASSERT_TRUE(send_all(reader, request_bytes(QORCFG_REQ_BY_GID, config_ram, "", "", "",
                                                static_cast<int32_t>(vlan))));
-    ASSERT_TRUE(readable(reader, 10s));  // answered; the rest waits for the reader
+    ASSERT_TRUE(readable(reader, 60s));  // answered; the rest waits for the reader
     std::vector<int> silent;
     for (int i = 0; i < 3; ++i) {
-        silent.push_back(connect_raw());
+        silent.push_back(connect_raw());  // accepted in this order
         ASSERT_GE(silent.back(), 0);
-        std::this_thread::sleep_for(20ms);
     }
     // The third silent client took the room of the first, not the reader's.
-    EXPECT_TRUE(readable(silent[0], 10s));
+    EXPECT_TRUE(readable(silent[0], 60s));
     char byte;
     EXPECT_EQ(::recv(silent[0], &byte, 1, 0), 0);
     bool closed = false;
@@ -1325,11 +1325,10 @@ TEST_F(DaemonRobustness, PastTheLimitTheLongestIdleClientMakesRoom) {
         ASSERT_GE(fd, 0);
         idle.push_back(fd);
         ASSERT_TRUE(wait_until([&] { return daemon->server().clients() == idle.size(); }));
-        std::this_thread::sleep_for(5ms);
     }
     expect_served();
     // The first connection was dropped for the new one; the others wait on.
-    EXPECT_TRUE(readable(idle[0], 10s));
+    EXPECT_TRUE(readable(idle[0], 60s));
     char byte;
     EXPECT_EQ(::recv(idle[0], &byte, 1, 0), 0);
     for (size_t i = 1; i < idle.size(); ++i)

@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 
 #include "os/os.h"
@@ -131,6 +133,63 @@ TEST_F(SandboxTest, LocksSerialiseDescriptorsOfTheSameFile) {
     os::close(a);
     EXPECT_EQ(os::flock(b, LOCK_EX | LOCK_NB), 0);
     os::close(b);
+}
+
+// Files written whole: the old content or the new one, never a part, and no
+// temporary file left behind.
+TEST_F(SandboxTest, FilesAreReplacedWholeOrNotAtAll) {
+    auto stat_of = [&](const char *device_path) {
+        struct stat st {};
+        ::lstat(sandbox.path(device_path).c_str(), &st);
+        return st;
+    };
+    auto dir_entries = [&](const char *device_dir) {
+        size_t n = 0;
+        for ([[maybe_unused]] const auto &e :
+             std::filesystem::directory_iterator(sandbox.path(device_dir)))
+            ++n;
+        return n;
+    };
+    const mode_t mask = ::umask(022);
+    EXPECT_EQ(os::write_file("/var/run/new.pid", "12\n"), 0);
+    EXPECT_EQ(sandbox.read("/var/run/new.pid"), "12\n");
+    EXPECT_EQ(stat_of("/var/run/new.pid").st_mode & 07777, 0644u);
+
+    // An existing file keeps its mode; a symbolic link is followed (its
+    // absolute target is a path of the device) and stays a link.
+    sandbox.write("/conf/real.xml", "old");
+    ::chmod(sandbox.path("/conf/real.xml").c_str(), 0600);
+    ASSERT_EQ(::symlink("/conf/real.xml", sandbox.path("/tmp/link.xml").c_str()), 0);
+    const ino_t before = stat_of("/conf/real.xml").st_ino;
+    EXPECT_EQ(os::write_file("/tmp/link.xml", "new"), 0);
+    EXPECT_EQ(sandbox.read("/conf/real.xml"), "new");
+    EXPECT_EQ(stat_of("/conf/real.xml").st_mode & 07777, 0600u);
+    EXPECT_NE(stat_of("/conf/real.xml").st_ino, before);
+    EXPECT_TRUE(S_ISLNK(stat_of("/tmp/link.xml").st_mode));
+
+    // A failed write or flush leaves the old file and no temporary one.
+    const size_t entries = dir_entries("/conf");
+    for (os::Call kind : {os::Call::write, os::Call::fsync, os::Call::rename}) {
+        os::fail_nth(kind, 1, EIO);
+        errno = 0;
+        EXPECT_EQ(os::write_file("/conf/real.xml", "lost"), -1);
+        EXPECT_EQ(errno, EIO);
+        EXPECT_EQ(sandbox.read("/conf/real.xml"), "new");
+        EXPECT_EQ(dir_entries("/conf"), entries);
+    }
+
+    // No temporary file can be made: an existing file is rewritten in place,
+    // a missing one is not created.
+    os::fail_nth(os::Call::open, 1, EACCES);
+    const ino_t in_place = stat_of("/conf/real.xml").st_ino;
+    EXPECT_EQ(os::write_file("/conf/real.xml", "in place"), 0);
+    EXPECT_EQ(sandbox.read("/conf/real.xml"), "in place");
+    EXPECT_EQ(stat_of("/conf/real.xml").st_ino, in_place);
+    os::fail_nth(os::Call::open, 1, EACCES);
+    EXPECT_EQ(os::write_file("/conf/missing.xml", "x"), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_FALSE(sandbox.exists("/conf/missing.xml"));
+    ::umask(mask);
 }
 
 TEST(Seam, WithoutConfigurationCommandsRunForReal) {

@@ -110,7 +110,7 @@ void FakeDaemon::serve() {
         std::string got;
         char buf[2048];
         pollfd p{fd, POLLIN, 0};
-        while (got.size() < QORCFG_REQUEST_SENT && ::poll(&p, 1, 10000) > 0) {
+        while (got.size() < QORCFG_REQUEST_SENT && ::poll(&p, 1, 60000) > 0) {
             const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
             if (n <= 0)
                 break;

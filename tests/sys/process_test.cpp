@@ -106,7 +106,7 @@ TEST_F(ProcessTest, GetPidReportsUnreadableProcessList) {
     qorcfg::os::set_runner(&sandbox.runner());
 }
 
-// A child of this test running "sleep 30" under a name no other process has
+// A child of this test running "sleep 3600" under a name no other process has
 // (the listing shows the program's file name, and some listings its argv[0],
 // so both carry the name). Killed and reaped when the test ends.
 class Sleeper {
@@ -114,7 +114,7 @@ public:
     Sleeper(const std::string &program, const std::string &name) {
         std::vector<char> arg0(name.begin(), name.end());
         arg0.push_back('\0');
-        char seconds[] = "30";
+        char seconds[] = "3600";
         char *argv[] = {arg0.data(), seconds, nullptr};
         // posix_spawn returns once the child has replaced its image, so the
         // listing already shows it by its new name.
