@@ -2,8 +2,10 @@
 // its peers (pugixml, expat, libxml2, and memcpy + memchr as the physical
 // limit) on generated device configurations of 64 KB, 300 KB and 16 MB:
 // parse and serialise throughput, chained lookups, heap per parsed
-// megabyte, and prefix-limited parsing of one radio's element. After the
-// Google Benchmark table it prints each figure as a ratio to pugixml's.
+// megabyte, and prefix-limited parsing of one radio's element; and how the
+// cost of an internal DTD subset grows with its number of entity
+// declarations (10k to 80k). After the Google Benchmark table it prints each
+// figure as a ratio to pugixml's, and the DTD figures per declaration.
 // Every peer is optional; what was not found at build time is left out.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
@@ -469,6 +471,106 @@ void stream_parse(State &st, std::size_t bytes, bool by_prefix) {
     set_bytes(st, bytes);
 }
 
+// ---- internal DTD subset ----------------------------------------------------------
+
+// Declarations of the DTD documents, by label.
+struct Declarations {
+    const char *label;
+    std::size_t count;
+};
+constexpr std::array<Declarations, 4> kDeclarations = {
+    {{"10k", 10000}, {"20k", 20000}, {"40k", 40000}, {"80k", 80000}}};
+
+// A document whose internal subset declares `count` general entities, half
+// of them a chain referring backwards and half a chain referring forwards,
+// and a root that uses both ends.
+const std::string &dtd_document(std::size_t count) {
+    static std::map<std::size_t, std::string> cache;
+    auto it = cache.find(count);
+    if (it != cache.end()) {
+        return it->second;
+    }
+    std::string doc = "<!DOCTYPE r [\n<!ENTITY b0 \"base\">\n";
+    for (std::size_t i = 1; i < count / 2; ++i) {
+        doc += "<!ENTITY b" + std::to_string(i) + " \"&b" + std::to_string(i - 1) + ";\">\n";
+    }
+    for (std::size_t i = 0; i < count - count / 2; ++i) {
+        doc += "<!ENTITY f" + std::to_string(i) + " \"&f" + std::to_string(i + 1) + ";\">\n";
+    }
+    doc += "]>\n<r>&b0;</r>\n";
+    return cache.emplace(count, std::move(doc)).first->second;
+}
+
+// The DTD measures time the steady state of a process that parses such
+// documents again and again: the first parses are not timed, and the heap
+// is neither trimmed nor mapped block by block (otherwise glibc's
+// thresholds make the smallest subset pay page faults on every parse that
+// the larger ones do not, which hides the growth). The DTD measures run
+// last, so the other measures keep the allocator's defaults.
+constexpr int kDtdWarmUp = 3;
+
+void steady_heap() {
+    static const bool done = [] {
+        mallopt(M_TRIM_THRESHOLD, 1 << 30);
+        mallopt(M_MMAP_THRESHOLD, 32 << 20);
+        return true;
+    }();
+    (void)done;
+}
+
+void dtd_qorcfg(State &st, std::size_t count) {
+    steady_heap();
+    Buffer buf(dtd_document(count));
+    for (int i = 0; i < kDtdWarmUp; ++i) {
+        if (!parsed_tree(st, buf)) {
+            return;
+        }
+    }
+    for (auto _ : st) {
+        ezxml_node *root = ezxml_parse_str(buf.refill(), buf.size());
+        benchmark::DoNotOptimize(root);
+        ezxml_free(root);
+    }
+    st.SetItemsProcessed(static_cast<std::int64_t>(st.iterations() * count));
+}
+
+#if QORCFG_BENCH_EXPAT
+void dtd_expat(State &st, std::size_t count) {
+    steady_heap();
+    Buffer buf(dtd_document(count));
+    for (int i = 0; i < kDtdWarmUp; ++i) {
+        if (!expat_parse(buf.refill(), buf.size())) {
+            st.SkipWithError("expat: parse failed");
+            return;
+        }
+    }
+    for (auto _ : st) {
+        bool ok = expat_parse(buf.refill(), buf.size());
+        benchmark::DoNotOptimize(ok);
+    }
+    st.SetItemsProcessed(static_cast<std::int64_t>(st.iterations() * count));
+}
+#endif
+
+#if QORCFG_BENCH_LIBXML2
+void dtd_libxml2(State &st, std::size_t count) {
+    steady_heap();
+    Buffer buf(dtd_document(count));
+    for (int i = 0; i < kDtdWarmUp; ++i) {
+        xmlFreeDoc(libxml2_read(buf.refill(), buf.size()));
+    }
+    for (auto _ : st) {
+        xmlDocPtr doc = libxml2_read(buf.refill(), buf.size());
+        if (doc == nullptr) {
+            st.SkipWithError("libxml2: parse failed");
+            break;
+        }
+        xmlFreeDoc(doc);
+    }
+    st.SetItemsProcessed(static_cast<std::int64_t>(st.iterations() * count));
+}
+#endif
+
 // ---- registration ---------------------------------------------------------------
 
 using Fn = void (*)(State &, std::size_t);
@@ -512,6 +614,16 @@ constexpr Entry kEntries[] = {
 #endif
 };
 
+constexpr Entry kDtdEntries[] = {
+    {"dtd", "qorcfg", dtd_qorcfg},
+#if QORCFG_BENCH_EXPAT
+    {"dtd", "expat", dtd_expat},
+#endif
+#if QORCFG_BENCH_LIBXML2
+    {"dtd", "libxml2", dtd_libxml2},
+#endif
+};
+
 std::string bench_name(const char *measure, const char *peer, const char *size) {
     return std::string(measure) + "/" + peer + "/" + size;
 }
@@ -536,6 +648,13 @@ void register_all() {
                     stream_parse, size.bytes, by_prefix)
                     ->Unit(benchmark::kMicrosecond);
             }
+        }
+    }
+    for (const Declarations &d : kDeclarations) {
+        for (const Entry &e : kDtdEntries) {
+            benchmark::RegisterBenchmark(bench_name(e.measure, e.peer, d.label).c_str(), e.fn,
+                                         d.count)
+                ->Unit(benchmark::kMillisecond);
         }
     }
 }
@@ -591,10 +710,55 @@ public:
                 out << line;
             }
         }
+        print_declarations(out);
         out.flush();
     }
 
 private:
+    // Time per declaration at each size (constant when the cost grows
+    // linearly), and the growth from the smallest to the largest subset.
+    void print_declarations(std::ostream &out) const {
+        char line[160];
+        bool header = false;
+        for (const Entry &e : kDtdEntries) {
+            const double *first = nullptr;
+            const double *last = nullptr;
+            std::string row;
+            for (const Declarations &d : kDeclarations) {
+                const double *f = figure(bench_name("dtd", e.peer, d.label));
+                if (f != nullptr && *f > 0) {
+                    std::snprintf(line, sizeof line, " %9.1f", 1e9 / *f);
+                    first = first != nullptr ? first : f;
+                    last = f;
+                } else {
+                    std::snprintf(line, sizeof line, " %9s", "-");
+                }
+                row += line;
+            }
+            if (first == nullptr) {
+                continue;
+            }
+            if (!header) {
+                out << "\nEntity declarations: time per declaration in ns (the same at every "
+                       "size when the\ncost grows linearly); growth = time for 80k / time for "
+                       "10k (8 is linear)\n";
+                std::snprintf(line, sizeof line, "%-10s", "peer");
+                out << line;
+                for (const Declarations &d : kDeclarations) {
+                    std::snprintf(line, sizeof line, " %9s", d.label);
+                    out << line;
+                }
+                out << "    growth\n";
+                header = true;
+            }
+            const double growth = (*first / *last) *
+                                  static_cast<double>(kDeclarations.back().count) /
+                                  static_cast<double>(kDeclarations.front().count);
+            std::snprintf(line, sizeof line, "%-10s%s %9.2f\n", e.peer, row.c_str(), growth);
+            out << line;
+        }
+    }
+
     void print_table(std::ostream &out) const {
         static constexpr std::array<const char *, 4> measures = {"parse", "serialise", "lookups",
                                                                  "memory"};

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "os/os.h"
+#include "xml/entities.h"
 #include "xml/tree.h"
 
 namespace qorcfg::xml {
@@ -25,18 +26,6 @@ char *const kPredefinedEntities[kPredefinedStrings + 1] = {const_cast<char *>("l
                                                            const_cast<char *>("amp;"),
                                                            const_cast<char *>("&#38;"),
                                                            nullptr};
-
-long find_entity(char **ent, const char *ref) {
-    for (long i = 0; ent[i] != nullptr; i += 2) {
-        const char *name = ent[i];
-        if (name[0] != ref[0])
-            continue;
-        size_t n = std::strlen(name);
-        if (std::strncmp(ref, name, n) == 0)
-            return i;
-    }
-    return -1;
-}
 
 namespace {
 
@@ -239,7 +228,8 @@ bool needs_decoding(const char *s, const StopTable &stops, char type) {
 
 }  // namespace
 
-char *decode(char *s, size_t len, char **ent, char type, ExpansionBudget &budget, bool *moved) {
+char *decode(char *s, size_t len, const EntityList &ent, char type, ExpansionBudget &budget,
+             bool *moved) {
     *moved = false;
     len = normalise_line_ends(s, len);
     if (type == 'c')
@@ -268,10 +258,10 @@ char *decode(char *s, size_t len, char **ent, char type, ExpansionBudget &budget
                 continue;
             }
         } else if (c == static_cast<unsigned char>(entity_mark)) {
-            long i = find_entity(ent, b + t.r_ + 1);
+            long i = ent.find(b + t.r_ + 1);
             if (i >= 0) {
-                size_t ref_len = 1 + std::strlen(ent[i]);
-                const char *text = ent[i + 1];
+                size_t ref_len = 1 + std::strlen(ent.pairs()[i]);
+                const char *text = ent.pairs()[i + 1];
                 size_t text_len = std::strlen(text);
                 if (text_len > budget.left) {
                     budget.exceeded = true;

@@ -18,6 +18,7 @@
 #include <cstring>
 
 #include "os/os.h"
+#include "xml/entities.h"
 #include "xml/pool.h"
 #include "xml/tree.h"
 
@@ -281,6 +282,7 @@ public:
           end_(s + len - 1),
           last_(*end_),
           budget_{4 * len + (size_t{1} << 20)},
+          general_(&root->ent, '&'),
           pool_(len) {
         *end_ = '\0';
     }
@@ -339,7 +341,7 @@ private:
     char *processing_instruction(char *p);
     bool store_instruction(char *s, size_t len);
     bool read_subset(char *s, size_t len);
-    char *entity_declaration(char *p, char ***pe);
+    char *entity_declaration(char *p, EntityList &parameters);
     char *attlist_declaration(char *p);
     bool append_default(char *tag, char *name, char *value, bool owned, const char *type);
 
@@ -347,6 +349,7 @@ private:
     char *end_;  // position of the document's last byte (now a zero)
     char last_;  // what that byte was
     ExpansionBudget budget_;
+    EntityList general_;  // the root's entity list
     NodePool pool_;
     GroupIndex groups_;
     Frame *frames_ = nullptr;
@@ -537,7 +540,7 @@ bool Parser::add_text(char *s, size_t len, char type) {
     char *d = s;
     size_t dlen = len;
     if (type != 0) {
-        d = decode(s, len, root_->ent, type, budget_, &moved);
+        d = decode(s, len, general_, type, budget_, &moved);
         if (d == nullptr)
             return false;
         dlen = std::strlen(d);
@@ -631,8 +634,8 @@ char *Parser::element(char *p) {
                 char type = defaults != nullptr ? type_of_attribute(defaults, attr_name) : ' ';
                 if (dirty || type != ' ') {
                     bool moved = false;
-                    value = decode(v, static_cast<size_t>(close - v), root_->ent, type, budget_,
-                                   &moved);
+                    value =
+                        decode(v, static_cast<size_t>(close - v), general_, type, budget_, &moved);
                     if (value == nullptr)
                         return (budget_.exceeded ? error(v, "entity expansion limit exceeded")
                                                  : out_of_memory(v),
@@ -657,31 +660,29 @@ char *Parser::element(char *p) {
     if (*p == '/' && (p[1] == '>' || ends_with_gt(p + 1))) {
         empty = true;
         after = p[1] == '>' ? p + 2 : p + 1;
-    } else if (*p == '>') {
-        after = p + 1;
+    } else if (*p == '>' || ends_with_gt(p)) {
+        after = *p == '>' ? p + 1 : p;
     } else {
         return (error(tag, "missing >"), nullptr);
     }
     if (unterminated != nullptr)
         *unterminated = '\0';
     *p = '\0';
-    ezxml_node *node;
-    if (depth_ == 0) {  // the document element, whose record exists already
+    if (root_->xml.name == nullptr) {
+        // The document element: its record is open from the start (text
+        // before it is its text), it only takes its name and attributes.
         char **list = attrs.finish();
         if (list == nullptr)
             return (out_of_memory(tag), nullptr);
         root_->xml.name = name;
         root_->xml.attr = list;
-        node = &root_->xml;
-    } else {
-        node = new_child(name, attrs);
-        if (node == nullptr)
+        if (empty && !close_element())
             return (out_of_memory(tag), nullptr);
+        return after;
     }
-    if (!empty && !open_element(node))
+    ezxml_node *node = new_child(name, attrs);
+    if (node == nullptr || (!empty && !open_element(node)))
         return (out_of_memory(tag), nullptr);
-    if (empty && depth_ == 0)
-        root_closed_ = true;
     return after;
 }
 
@@ -695,7 +696,8 @@ char *Parser::closing_tag(char *p) {
     if (*r != '>' && !ends_with_gt(r))
         return (error(tag, "missing >"), nullptr);
     *q = '\0';
-    if (depth_ == 0 || std::strcmp(frames_[depth_ - 1].node->name, name) != 0)
+    const char *open = depth_ > 0 ? frames_[depth_ - 1].node->name : nullptr;
+    if (open == nullptr || std::strcmp(open, name) != 0)
         return (error(tag, "unexpected closing tag </%s>", name), nullptr);
     if (!close_element())
         return (out_of_memory(tag), nullptr);
@@ -826,58 +828,6 @@ bool Parser::store_instruction(char *s, size_t len) {
 
 // ---- the internal DTD subset --------------------------------------------------------
 
-// True when the entity value `value` refers, directly or through other
-// entities of `ent`, to the entity `name` (with its ';').
-bool refers_to(const char *name, const char *value, char **ent, bool *failed) {
-    size_t count = 0;
-    while (ent[count] != nullptr)
-        count += 2;
-    // Depth-first over the entities' values, each visited once.
-    auto *seen = static_cast<bool *>(os::calloc(count / 2 + 1, sizeof(bool)));
-    auto **pending = static_cast<const char **>(os::malloc((count / 2 + 1) * sizeof(char *)));
-    if (seen == nullptr || pending == nullptr) {
-        std::free(seen);
-        std::free(pending);
-        *failed = true;
-        return false;
-    }
-    size_t name_len = std::strlen(name);
-    size_t n = 0;
-    pending[n++] = value;
-    bool found = false;
-    while (n > 0 && !found) {
-        for (const char *s = pending[--n]; (s = std::strchr(s, '&')) != nullptr; ++s) {
-            if (std::strncmp(s + 1, name, name_len) == 0) {
-                found = true;
-                break;
-            }
-            long i = find_entity(ent, s + 1);
-            if (i >= 0 && !seen[i / 2]) {
-                seen[i / 2] = true;
-                pending[n++] = ent[i + 1];
-            }
-        }
-    }
-    std::free(seen);
-    std::free(pending);
-    return found;
-}
-
-// Appends a (name, value) pair to a NULL-terminated entity list.
-bool append_entity(char ***list, char *name, char *value) {
-    size_t n = 0;
-    while ((*list)[n] != nullptr)
-        n += 2;
-    auto **grown = static_cast<char **>(os::realloc(*list, (n + 3) * sizeof(char *)));
-    if (grown == nullptr)
-        return false;
-    grown[n] = name;
-    grown[n + 1] = value;
-    grown[n + 2] = nullptr;
-    *list = grown;
-    return true;
-}
-
 void free_entities(char **list, size_t from) {
     for (size_t i = from; list[i] != nullptr; i += 2) {
         std::free(list[i]);
@@ -891,13 +841,14 @@ bool Parser::read_subset(char *s, size_t len) {
     auto **pe = static_cast<char **>(os::calloc(1, sizeof(char *)));
     if (pe == nullptr)
         return (out_of_memory(s), false);
+    EntityList parameters(&pe, '%');
     char *p = s;
     while (p != nullptr && *p != '\0' && !failed_) {
         p += std::strcspn(p, "<%");
         if (*p == '\0')
             break;
         if (starts_with(p, "<!ENTITY")) {
-            p = entity_declaration(p, &pe);
+            p = entity_declaration(p, parameters);
         } else if (starts_with(p, "<!--")) {
             char *q = std::strstr(p + 4, "-->");
             p = q != nullptr ? q + 3 : nullptr;
@@ -923,7 +874,7 @@ bool Parser::read_subset(char *s, size_t len) {
 }
 
 // <!ENTITY [%] name "value">; returns where reading goes on (NULL: stop).
-char *Parser::entity_declaration(char *p, char ***pe) {
+char *Parser::entity_declaration(char *p, EntityList &parameters) {
     char *c = skip_spaces(p + 8);
     bool parameter = *c == '%';
     char *n = c + std::strspn(c, "\t\r\n %");
@@ -952,7 +903,7 @@ char *Parser::entity_declaration(char *p, char ***pe) {
     name[name_len + 1] = '\0';
 
     bool moved = false;
-    char *decoded = decode(v, std::strlen(v), *pe, '%', budget_, &moved);
+    char *decoded = decode(v, std::strlen(v), parameters, '%', budget_, &moved);
     char *value = decoded;
     if (decoded != nullptr && !moved)
         value = os::strdup(decoded);  // entity values are owned by their list
@@ -961,18 +912,23 @@ char *Parser::entity_declaration(char *p, char ***pe) {
         budget_.exceeded ? error(v, "entity expansion limit exceeded") : out_of_memory(v);
         return nullptr;
     }
-    char ***list = parameter ? pe : &root_->ent;
-    bool failed = false;
-    if (refers_to(name, value, *list, &failed) || failed) {
-        failed ? out_of_memory(v) : error(v, "circular entity declaration &%s", name);
+    EntityList &list = parameter ? parameters : general_;
+    const EntityList::Check check = list.check_circular(name, value, budget_);
+    if (check != EntityList::Check::fine || !list.append(name, value)) {
+        switch (check) {
+            case EntityList::Check::circular:
+                error(v, "circular entity declaration &%s", name);
+                break;
+            case EntityList::Check::over_budget:
+                error(v, "entity expansion limit exceeded");
+                break;
+            default:
+                out_of_memory(v);
+                break;
+        }
         std::free(name);
         std::free(value);
         return nullptr;
-    }
-    if (!append_entity(list, name, value)) {
-        std::free(name);
-        std::free(value);
-        return (out_of_memory(v), nullptr);
     }
     return next;
 }
@@ -1076,7 +1032,7 @@ char *Parser::attlist_declaration(char *p) {
             char *v = s + 1;
             s = std::strchr(v, *s);
             *s = '\0';
-            value = decode(v, static_cast<size_t>(s - v), root_->ent, type[0], budget_, &owned);
+            value = decode(v, static_cast<size_t>(s - v), general_, type[0], budget_, &owned);
             if (value == nullptr)
                 return (budget_.exceeded ? error(v, "entity expansion limit exceeded")
                                          : out_of_memory(v),
@@ -1096,6 +1052,9 @@ ezxml_node *Parser::run(char *s) {
     char *p = std::strchr(s, '<');
     if (p == nullptr)
         return error(end_, "root tag missing");
+    // The root record is the open element until its start tag names it.
+    if (!open_element(&root_->xml))
+        return out_of_memory(p);
     for (;;) {
         // `p` is at a '<'.
         char *m = p + 1;
@@ -1143,10 +1102,10 @@ ezxml_node *Parser::run(char *s) {
                                     : out_of_memory(p);
         p = q;
     }
-    if (depth_ > 0)
-        return error(end_, "unclosed tag <%s>", frames_[depth_ - 1].node->name);
     if (root_->xml.name == nullptr)
         return error(end_, "root tag missing");
+    if (depth_ > 0)
+        return error(end_, "unclosed tag <%s>", frames_[depth_ - 1].node->name);
     root_->cur = nullptr;
     return &root_->xml;
 }

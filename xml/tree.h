@@ -86,16 +86,15 @@ struct ExpansionBudget {
     bool exceeded = false;
 };
 
+class EntityList;
+
 // Decodes the NUL-terminated text `s` of length `len` as a text of kind
 // `type` ('&' element text, ' ' CDATA attribute, '*' other attribute,
-// 'c' CDATA section, '%' entity value) against the entity list `ent`.
+// 'c' CDATA section, '%' entity value) against the entities `ent`.
 // Returns `s` itself when the result fits in place, a new allocation when an
 // entity replacement was longer than its reference (`*moved` is then set),
 // or NULL when memory ran out or the budget was exhausted.
-char *decode(char *s, size_t len, char **ent, char type, ExpansionBudget &budget, bool *moved);
-
-// The entity of `ent` (pairs, NULL-terminated) whose name (with its ';') is a
-// prefix of `ref`; its index or -1.
-long find_entity(char **ent, const char *ref);
+char *decode(char *s, size_t len, const EntityList &ent, char type, ExpansionBudget &budget,
+             bool *moved);
 
 }  // namespace qorcfg::xml

@@ -121,6 +121,22 @@ TEST(XmlParse, LinksChildrenByNameGroupAndDocumentOrder) {
     EXPECT_EQ(ezxml_child(r, "b"), b1);
     EXPECT_EQ(ezxml_idx(b1, 1), b2);
 
+    // Text between the prologue's parts is the root's text: it counts for
+    // the children's offsets and is written back inside the root.
+    Parsed pro("<?xml version=\"1.0\"?>\n<!-- c -->\n<q>x<k/></q>");
+    ASSERT_EQ(pro.error(), "");
+    EXPECT_STREQ(pro.root()->txt, "\n\nx");
+    EXPECT_NE(pro.root()->flags & EZXML_TXT_OWNED, 0);
+    EXPECT_EQ(ezxml_child(pro.root(), "k")->off, 3u);
+    Parsed one("<?p?> <q/>");
+    ASSERT_EQ(one.error(), "");
+    EXPECT_STREQ(one.root()->txt, " ");
+    EXPECT_TRUE(one.in_buffer(one.root()->txt));
+    EXPECT_EQ(one.root()->flags, 0);
+    char *xml = ezxml_toxml(one.root());
+    EXPECT_STREQ(xml, "<?p?>\n<q> </q>");
+    std::free(xml);
+
     // The root record of an in-place parse.
     EXPECT_EQ(p.doc()->len, 0u);
     EXPECT_EQ(p.doc()->m, p.buffer());
@@ -302,6 +318,21 @@ TEST(XmlParse, ReadsEntitiesFromTheInternalSubset) {
         EXPECT_EQ(p.doc()->standalone, c.standalone);
     }
 
+    // Many declarations: the first of a name wins (the predefined ones
+    // first), names holding a ';' match where a reference has them, and
+    // chains resolve in either direction.
+    std::string doc = "<!DOCTYPE r [<!ENTITY lt \"X\"><!ENTITY a;b \"odd\">";
+    for (int i = 0; i < 300; ++i) {
+        doc += "<!ENTITY f" + std::to_string(i) + " \"&f" + std::to_string(i + 1) + ";\">";
+        doc += "<!ENTITY b" + std::to_string(i) + " \"" +
+               (i == 0 ? std::string("base") : "&b" + std::to_string(i - 1) + ";") + "\">";
+        doc += "<!ENTITY d \"" + std::to_string(i) + "\">";
+    }
+    doc += "<!ENTITY f300 \"end\">]><r>&lt;&a;b;&a;&d;&f0;&b299;</r>";
+    Parsed many(doc);
+    ASSERT_EQ(many.error(), "");
+    EXPECT_STREQ(many.root()->txt, "<odd&a;0endbase");
+
     // A replacement longer than its reference moves the text out of the buffer,
     // and the tree owns it.
     Parsed p("<!DOCTYPE r [<!ENTITY e \"a much longer replacement\">]><r a=\"&e;\">&e;</r>");
@@ -396,6 +427,10 @@ TEST(XmlParse, ReportsEachErrorWithItsLine) {
         {"<r>\n< a></r>", 2, "unexpected <"},
         {"<r>\n<!x></r>", 2, "unexpected <"},
         {"<r>\n<a>\ntext", 3, "unclosed tag <a>"},
+        {"<a><b>", 1, "unclosed tag <b>"},  // the final '>' opens the tag
+        {"<a x='1'>", 1, "unclosed tag <a>"},
+        {"<r>\n</x>", 2, "unexpected closing tag </x>"},
+        {"</x><r/>", 1, "unexpected closing tag </x>"},
         {"<!DOCTYPE r [\n<!ATTLIST ]><r/>", 2, "unclosed <!ATTLIST"},
         {"<!DOCTYPE r [\n<!ATTLIST r a CDATA bogus>]><r/>", 2, "malformed <!ATTLIST"},
     };
@@ -413,6 +448,9 @@ TEST(XmlParse, ReportsEachErrorWithItsLine) {
     EXPECT_TRUE(error == err_at(2, "circular entity declaration &a") ||
                 error == err_at(2, "circular entity declaration &a;"))
         << error;
+
+    Parsed last("<a><b>");
+    EXPECT_NE(ezxml_child(last.root(), "b"), nullptr);
 
     // The parse stops at the error; the partial tree stays reachable.
     Parsed partial("<r>\n<a k=\"v\">t\n</b>\n</r>");
