@@ -1,44 +1,43 @@
 // store/group.cpp - the three lookups in the group table: by group ID, by
 // name and by path.
 //
-// The table is the platform's data. Its lookups are defined as scans from
-// the first row to the row whose gid is 0, the first match winning. Every
-// lookup and open of the store goes through them, so they are answered
-// from hash indexes built on first use, which give the same rows: each key
-// maps to the first row that has it.
+// The table is the platform's data, and a process may change it at any
+// time (a row's gid, name or path). Every lookup answers as a scan from the
+// first row to the one whose gid is 0, first match winning, gives at the
+// moment of the call:
+//   - by gid, it is that scan (checking an index against every row before
+//     its hit would cost as much);
+//   - by name and by path, a hash index of the texts gives the first row
+//     that had the text when the index was made, and that answer is used
+//     only after the live rows up to it are checked: each still has its gid
+//     not 0 and the same text pointer, and the hit's text is still the key
+//     (or, for a text not indexed, every row up to the end). A changed row
+//     makes a new index. A table that keeps changing is scanned for good
+//     after kMaxIndexes indexes, so memory stays bounded.
+// Readers take the current index without a lock; an index, once published,
+// never changes and stays allocated for the process's life.
 #include "store/group.h"
 
+#include <atomic>
 #include <cstring>
 
 #include "os/os.h"
 #include "store/platform.h"
 
 namespace qorcfg {
-
-qorcfg_group *scan_group_by_gid(qorcfg_group *table, uint32_t gid) {
-    for (qorcfg_group *row = table; row->gid != 0; ++row) {
-        if (row->gid == gid)
-            return row;
-    }
-    return nullptr;
-}
-
 namespace {
 
-// Same length and bytes, with `len` = strlen(text) taken once.
-bool same_text(const char *row, const char *text, size_t len) {
-    return row != nullptr && std::strncmp(row, text, len) == 0 && row[len] == '\0';
-}
-
-qorcfg_group *scan_text(qorcfg_group *table, const char *text, const char *qorcfg_group::*column) {
-    if (text == nullptr)
-        return nullptr;
-    size_t len = std::strlen(text);
-    for (qorcfg_group *row = table; row->gid != 0; ++row) {
-        if (same_text(row->*column, text, len))
-            return row;
+// The row's text has the bytes of `text` (`len` of them, no zero among
+// them) and ends there. Stops at the first byte that differs, so a shorter
+// row text is never read past its end.
+inline bool same_text(const char *row, const char *text, size_t len) {
+    if (row == nullptr)
+        return false;
+    for (size_t i = 0; i < len; ++i) {
+        if (row[i] != text[i])
+            return false;
     }
-    return nullptr;
+    return row[len] == '\0';
 }
 
 uint32_t hash_text(const char *s, size_t len) {
@@ -48,96 +47,159 @@ uint32_t hash_text(const char *s, size_t len) {
     return h;
 }
 
-uint32_t hash_gid(uint32_t gid) {
-    gid ^= gid >> 16;
-    gid *= 0x7feb352du;
-    gid ^= gid >> 15;
-    return gid;
+qorcfg_group *scan_text(qorcfg_group *table, const char *text, const char *qorcfg_group::*column) {
+    if (text == nullptr)
+        return nullptr;
+    const size_t len = std::strlen(text);
+    for (qorcfg_group *row = table; row->gid != 0; ++row) {
+        if (same_text(row->*column, text, len))
+            return row;
+    }
+    return nullptr;
 }
 
-// Open-addressing index from a key to the first row that has it.
-class Index {
-public:
-    bool build(qorcfg_group *table) {
-        size_t rows = 0;
-        while (table[rows].gid != 0)
-            ++rows;
-        cap_ = 16;
-        while (cap_ < rows * 2)
-            cap_ *= 2;
-        auto **slots = static_cast<qorcfg_group **>(os::calloc(3 * cap_, sizeof(qorcfg_group *)));
-        if (slots == nullptr)
-            return false;
-        by_gid_ = slots;
-        by_name_ = slots + cap_;
-        by_path_ = slots + 2 * cap_;
-        // Rows in table order: a key already present keeps its first row.
-        for (size_t i = 0; i < rows; ++i) {
-            qorcfg_group *row = &table[i];
-            insert(by_gid_, hash_gid(row->gid), row,
-                   [row](const qorcfg_group *o) { return o->gid == row->gid; });
-            if (row->name != nullptr)
-                insert_text(by_name_, row, &qorcfg_group::name);
-            if (row->path != nullptr)
-                insert_text(by_path_, row, &qorcfg_group::path);
-        }
-        return true;
-    }
+// One text column of group_table as it read when the index was made: the
+// rows' text pointers, and slots (row + 1, 0 free) of the first row of each
+// text.
+struct Column {
+    const char **texts;
+    uint32_t *slots;
 
-    qorcfg_group *gid(uint32_t gid) const {
-        for (size_t i = hash_gid(gid) & (cap_ - 1);; i = (i + 1) & (cap_ - 1)) {
-            if (by_gid_[i] == nullptr || by_gid_[i]->gid == gid)
-                return by_gid_[i];
+    // The row the index gives for `text`, or `rows` when it has none.
+    size_t find(const char *text, size_t len, size_t cap, size_t rows) const {
+        for (size_t i = hash_text(text, len) & (cap - 1);; i = (i + 1) & (cap - 1)) {
+            if (slots[i] == 0)
+                return rows;
+            const size_t row = slots[i] - 1;
+            if (same_text(texts[row], text, len))
+                return row;
         }
     }
-
-    qorcfg_group *text(const char *text, const char *qorcfg_group::*column) const {
-        qorcfg_group *const *slots = column == &qorcfg_group::name ? by_name_ : by_path_;
-        size_t len = std::strlen(text);
-        for (size_t i = hash_text(text, len) & (cap_ - 1);; i = (i + 1) & (cap_ - 1)) {
-            if (slots[i] == nullptr || same_text(slots[i]->*column, text, len))
-                return slots[i];
-        }
-    }
-
-private:
-    template <typename Same>
-    void insert(qorcfg_group **slots, uint32_t h, qorcfg_group *row, Same same) {
-        for (size_t i = h & (cap_ - 1);; i = (i + 1) & (cap_ - 1)) {
-            if (slots[i] == nullptr) {
-                slots[i] = row;
-                return;
-            }
-            if (same(slots[i]))
-                return;  // the first row with this key stays
-        }
-    }
-
-    void insert_text(qorcfg_group **slots, qorcfg_group *row, const char *qorcfg_group::*column) {
-        const char *key = row->*column;
-        size_t len = std::strlen(key);
-        insert(slots, hash_text(key, len), row, [key, len, column](const qorcfg_group *o) {
-            return same_text(o->*column, key, len);
-        });
-    }
-
-    size_t cap_ = 0;
-    qorcfg_group **by_gid_ = nullptr;
-    qorcfg_group **by_name_ = nullptr;
-    qorcfg_group **by_path_ = nullptr;
 };
 
-// The index of the platform's table, built once; NULL when it could not be
-// built (the lookups then scan). A table still empty at the first lookup
-// (read before the platform filled it) is never indexed, so no lookup can
-// be frozen on an empty table.
-const Index *table_index() {
-    static Index index;
-    static const bool built = group_table[0].gid != 0 && index.build(group_table);
-    return built ? &index : nullptr;
+struct Index {
+    size_t rows;  // rows before the one whose gid was 0
+    size_t cap;   // slots per column, a power of two
+    Column name;
+    Column path;
+};
+
+constexpr int kMaxIndexes = 8;
+
+// The indexes made so far (the last one is current); after kMaxIndexes the
+// lookups scan.
+std::atomic<Index *> g_current{nullptr};
+std::atomic<int> g_made{0};
+Index *g_made_list[kMaxIndexes];  // keeps every index reachable
+std::atomic<bool> g_scan_only{false};
+
+void insert(Column &c, size_t cap, size_t row) {
+    const char *text = c.texts[row];
+    if (text == nullptr)
+        return;
+    const size_t len = std::strlen(text);
+    for (size_t i = hash_text(text, len) & (cap - 1);; i = (i + 1) & (cap - 1)) {
+        if (c.slots[i] == 0) {
+            c.slots[i] = static_cast<uint32_t>(row + 1);
+            return;
+        }
+        if (same_text(c.texts[c.slots[i] - 1], text, len))
+            return;  // the first row with this text stays
+    }
+}
+
+// An index of the table as it reads now, or NULL: out of memory (this
+// lookup scans), or kMaxIndexes made already (every lookup scans from now
+// on).
+Index *make_index() {
+    if (g_made.load() >= kMaxIndexes) {
+        g_scan_only.store(true);
+        return nullptr;
+    }
+    size_t rows = 0;
+    while (group_table[rows].gid != 0)
+        ++rows;
+    size_t cap = 16;
+    while (cap < rows * 2)
+        cap *= 2;
+    // One block: the record, both text columns, both slot arrays.
+    const size_t bytes =
+        sizeof(Index) + 2 * rows * sizeof(const char *) + 2 * cap * sizeof(uint32_t);
+    auto *block = static_cast<unsigned char *>(os::calloc(1, bytes));
+    if (block == nullptr)
+        return nullptr;
+    auto *index = reinterpret_cast<Index *>(block);
+    index->rows = rows;
+    index->cap = cap;
+    auto **texts = reinterpret_cast<const char **>(block + sizeof(Index));
+    auto *slots = reinterpret_cast<uint32_t *>(texts + 2 * rows);
+    index->name = Column{texts, slots};
+    index->path = Column{texts + rows, slots + cap};
+    for (size_t r = 0; r < rows; ++r) {
+        index->name.texts[r] = group_table[r].name;
+        index->path.texts[r] = group_table[r].path;
+        insert(index->name, cap, r);
+        insert(index->path, cap, r);
+    }
+    const int n = g_made.fetch_add(1);
+    if (n >= kMaxIndexes) {  // another thread made the last one meanwhile
+        std::free(block);
+        g_scan_only.store(true);
+        return nullptr;
+    }
+    g_made_list[n] = index;
+    return index;
+}
+
+// Whether the live table still gives `row` (or, when row == rows, no row)
+// for a text the index answers that way: every row before it has its gid
+// not 0 and its text pointer unchanged, the row itself too, and the text
+// behind the hit's pointer is still the key; or the table still ends at
+// `rows`.
+bool still_holds(const Index &index, const char *qorcfg_group::*column, const Column &c, size_t row,
+                 const char *text, size_t len) {
+    for (size_t r = 0; r < row; ++r) {
+        if (group_table[r].gid == 0 || group_table[r].*column != c.texts[r])
+            return false;
+    }
+    if (row == index.rows)
+        return group_table[row].gid == 0;
+    return group_table[row].gid != 0 && group_table[row].*column == c.texts[row] &&
+           same_text(c.texts[row], text, len);
+}
+
+qorcfg_group *lookup_text(const char *text, const char *qorcfg_group::*column,
+                          Column Index::*which) {
+    if (text == nullptr)
+        return nullptr;
+    const size_t len = std::strlen(text);
+    Index *index = g_current.load(std::memory_order_acquire);
+    for (int attempt = 0; attempt < 2 && !g_scan_only.load(std::memory_order_relaxed); ++attempt) {
+        if (index == nullptr || attempt > 0) {
+            index = make_index();
+            if (index == nullptr)
+                break;
+            g_current.store(index, std::memory_order_release);
+        }
+        const Column &c = index->*which;
+        const size_t row = c.find(text, len, index->cap, index->rows);
+        if (still_holds(*index, column, c, row, text, len))
+            return row < index->rows ? &group_table[row] : nullptr;
+    }
+    return scan_text(group_table, text, column);
 }
 
 }  // namespace
+
+qorcfg_group *scan_group_by_gid(qorcfg_group *table, uint32_t gid) {
+    if (gid == 0)
+        return nullptr;  // 0 ends the table
+    for (qorcfg_group *row = table; row->gid != 0; ++row) {
+        if (row->gid == gid)
+            return row;
+    }
+    return nullptr;
+}
 
 qorcfg_group *scan_group_by_name(qorcfg_group *table, const char *name) {
     return scan_text(table, name, &qorcfg_group::name);
@@ -154,26 +216,15 @@ using namespace qorcfg;
 extern "C" {
 
 QORCFG_API qorcfg_group *group_by_gid(uint32_t gid) {
-    if (gid == 0)
-        return nullptr;  // 0 ends the table
-    const Index *index = table_index();
-    return index != nullptr ? index->gid(gid) : scan_group_by_gid(group_table, gid);
+    return scan_group_by_gid(group_table, gid);
 }
 
 QORCFG_API qorcfg_group *group_by_name(const char *name) {
-    if (name == nullptr)
-        return nullptr;
-    const Index *index = table_index();
-    return index != nullptr ? index->text(name, &qorcfg_group::name)
-                            : scan_group_by_name(group_table, name);
+    return lookup_text(name, &qorcfg_group::name, &Index::name);
 }
 
 QORCFG_API qorcfg_group *group_by_path(const char *path) {
-    if (path == nullptr)
-        return nullptr;
-    const Index *index = table_index();
-    return index != nullptr ? index->text(path, &qorcfg_group::path)
-                            : scan_group_by_path(group_table, path);
+    return lookup_text(path, &qorcfg_group::path, &Index::path);
 }
 
 }  // extern "C"

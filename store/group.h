@@ -8,8 +8,8 @@
 namespace qorcfg {
 
 // Linear scans of `table` (rows up to the one whose gid is 0), first match
-// winning; texts match when they have the same length and bytes. These are
-// the reference the indexed lookups of group_table must agree with.
+// winning; texts match when they have the same length and bytes. The
+// exported group_by_* are these scans over the platform's group_table.
 qorcfg_group *scan_group_by_gid(qorcfg_group *table, uint32_t gid);
 qorcfg_group *scan_group_by_name(qorcfg_group *table, const char *name);
 qorcfg_group *scan_group_by_path(qorcfg_group *table, const char *path);

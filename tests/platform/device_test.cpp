@@ -4,6 +4,8 @@
 // and the items the library reads exist in the default configuration and in
 // the rule file with one shape; the file paths, permission and system-item
 // tables, interface names and WDS link queries keep their contracts.
+#include <regex.h>
+
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -13,7 +15,6 @@
 #include <initializer_list>
 #include <iterator>
 #include <map>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -172,9 +173,25 @@ std::vector<qorcfg_group *> rows() {
     return out;
 }
 
+// POSIX extended regular expressions, compiled once each (the patterns are
+// the test's own and valid).
+class Pattern {
+public:
+    explicit Pattern(const char *ere) { ::regcomp(&re_, ere, REG_EXTENDED); }
+    ~Pattern() { ::regfree(&re_); }
+    Pattern(const Pattern &) = delete;
+    Pattern &operator=(const Pattern &) = delete;
+    bool search(const std::string &text, regmatch_t *m = nullptr, size_t n = 0) const {
+        return ::regexec(&re_, text.c_str(), n, m, 0) == 0;
+    }
+
+private:
+    regex_t re_;
+};
+
 bool is_decimal(const std::string &text) {
-    static const std::regex decimal("-?[0-9]+");
-    return std::regex_match(text, decimal);
+    static const Pattern decimal("^-?[0-9]+$");
+    return decimal.search(text);
 }
 
 // An integer rule: comma-separated numbers N and ranges A~B; the bound after
@@ -194,25 +211,22 @@ bool int_rule_accepts(const std::string &rule, long value) {
 }
 
 bool ip_accepted(const std::string &value) {
-    static const std::regex quad("([0-9]{1,3})[.]([0-9]{1,3})[.]([0-9]{1,3})[.]([0-9]{1,3})");
-    std::smatch m;
-    if (!std::regex_match(value, m, quad))
+    static const Pattern quad("^([0-9]{1,3})[.]([0-9]{1,3})[.]([0-9]{1,3})[.]([0-9]{1,3})$");
+    regmatch_t m[5];
+    if (!quad.search(value, m, 5))
         return false;
     for (size_t i = 1; i <= 4; ++i)
-        if (std::stoi(m[i]) > 255)
+        if (std::stoi(value.substr(static_cast<size_t>(m[i].rm_so))) > 255)
             return false;
     return true;
 }
 
 bool mac_accepted(const std::string &value) {
     // Not anchored: a text holding one of the forms passes, as in the MAC check.
-    static const std::regex forms[] = {std::regex("([0-9a-fA-F]{2}:){5}[0-9a-fA-F]{2}"),
-                                       std::regex("([0-9a-fA-F]{2}-){5}[0-9a-fA-F]{2}"),
-                                       std::regex("[0-9a-fA-F]{12}")};
-    for (const std::regex &form : forms)
-        if (std::regex_search(value, form))
-            return true;
-    return false;
+    static const Pattern colons("([0-9a-fA-F]{2}:){5}[0-9a-fA-F]{2}");
+    static const Pattern dashes("([0-9a-fA-F]{2}-){5}[0-9a-fA-F]{2}");
+    static const Pattern bare("[0-9a-fA-F]{12}");
+    return colons.search(value) || dashes.search(value) || bare.search(value);
 }
 
 // ---- group IDs and names -----------------------------------------------------
