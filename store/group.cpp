@@ -15,7 +15,8 @@
 //     makes a new index. A table that keeps changing is scanned for good
 //     after kMaxIndexes indexes, so memory stays bounded.
 // Readers take the current index without a lock; an index, once published,
-// never changes and stays allocated for the process's life.
+// never changes and stays allocated (reachable from the current one) for
+// the process's life.
 #include "store/group.h"
 
 #include <atomic>
@@ -82,15 +83,15 @@ struct Index {
     size_t cap;   // slots per column, a power of two
     Column name;
     Column path;
+    const Index *previous;  // the index this one replaced: readers may still use it
 };
 
 constexpr int kMaxIndexes = 8;
 
-// The indexes made so far (the last one is current); after kMaxIndexes the
-// lookups scan.
+// The current index, which leads to every earlier one; after kMaxIndexes
+// the lookups scan.
 std::atomic<Index *> g_current{nullptr};
 std::atomic<int> g_made{0};
-Index *g_made_list[kMaxIndexes];  // keeps every index reachable
 std::atomic<bool> g_scan_only{false};
 
 void insert(Column &c, size_t cap, size_t row) {
@@ -108,10 +109,10 @@ void insert(Column &c, size_t cap, size_t row) {
     }
 }
 
-// An index of the table as it reads now, or NULL: out of memory (this
-// lookup scans), or kMaxIndexes made already (every lookup scans from now
-// on).
-Index *make_index() {
+// An index of the table as it reads now, to replace `previous`, or NULL:
+// out of memory (this lookup scans), or kMaxIndexes made already (every
+// lookup scans from now on).
+Index *make_index(const Index *previous) {
     if (g_made.load() >= kMaxIndexes) {
         g_scan_only.store(true);
         return nullptr;
@@ -131,6 +132,7 @@ Index *make_index() {
     auto *index = reinterpret_cast<Index *>(block);
     index->rows = rows;
     index->cap = cap;
+    index->previous = previous;
     auto **texts = reinterpret_cast<const char **>(block + sizeof(Index));
     auto *slots = reinterpret_cast<uint32_t *>(texts + 2 * rows);
     index->name = Column{texts, slots};
@@ -141,14 +143,21 @@ Index *make_index() {
         insert(index->name, cap, r);
         insert(index->path, cap, r);
     }
-    const int n = g_made.fetch_add(1);
-    if (n >= kMaxIndexes) {  // another thread made the last one meanwhile
-        std::free(block);
-        g_scan_only.store(true);
-        return nullptr;
-    }
-    g_made_list[n] = index;
     return index;
+}
+
+// Makes the index that replaces `seen` current; the current index (another
+// thread's, should one have come first), or NULL when none can be made.
+Index *replace_index(Index *seen) {
+    Index *fresh = make_index(seen);
+    if (fresh == nullptr)
+        return nullptr;
+    if (!g_current.compare_exchange_strong(seen, fresh, std::memory_order_acq_rel)) {
+        std::free(fresh);
+        return seen;  // the winner's
+    }
+    g_made.fetch_add(1);
+    return fresh;
 }
 
 // Whether the live table still gives `row` (or, when row == rows, no row)
@@ -176,10 +185,9 @@ qorcfg_group *lookup_text(const char *text, const char *qorcfg_group::*column,
     Index *index = g_current.load(std::memory_order_acquire);
     for (int attempt = 0; attempt < 2 && !g_scan_only.load(std::memory_order_relaxed); ++attempt) {
         if (index == nullptr || attempt > 0) {
-            index = make_index();
+            index = replace_index(index);
             if (index == nullptr)
                 break;
-            g_current.store(index, std::memory_order_release);
         }
         const Column &c = index->*which;
         const size_t row = c.find(text, len, index->cap, index->rows);
