@@ -12,7 +12,6 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -173,11 +172,16 @@ TEST_F(LookupTest, CoreReadResolvesPrefixAndPathAndReportsEachFailure) {
     const Read traced = run(
         [&](char *v) { return get_cfg_item_by_prefix_direct(h.get(), "sys_device", "name", v); });
     EXPECT_EQ(traced.rc, 0);
-    EXPECT_TRUE(std::regex_match(
-        traced.err, std::regex("<DEBUG:get_cfg_item_by_prefix_direct:[0-9]+> full_item_name = "
-                               "qorconfig\\.system\\.device\\.name\n"
-                               "<DEBUG:get_cfg_item_by_prefix_direct:[0-9]+> attr_name = name\n")))
-        << traced.err;
+    // The source line numbers aside: "<DEBUG:function:123>" reads "<DEBUG:function:>".
+    std::string lines = traced.err;
+    for (size_t at = 0; (at = lines.find("<DEBUG:", at)) != std::string::npos; ++at) {
+        const size_t number = lines.find(':', at + 7) + 1;
+        lines.erase(number, lines.find('>', number) - number);
+    }
+    EXPECT_EQ(
+        lines,
+        "<DEBUG:get_cfg_item_by_prefix_direct:> full_item_name = qorconfig.system.device.name\n"
+        "<DEBUG:get_cfg_item_by_prefix_direct:> attr_name = name\n");
 }
 
 TEST_F(LookupTest, GroupIdAndGroupNameFormsReportTheCoreResult) {
