@@ -125,17 +125,28 @@ void parse_memchr(State &st, std::size_t bytes) {
     set_bytes(st, bytes);
 }
 
-void parse_qorcfg(State &st, std::size_t bytes) {
-    Buffer buf(corpus(bytes).doc);
-    if (!parsed_tree(st, buf)) {
-        return;
+// Each parser's timed loop: parses of `doc` (its buffer refilled every
+// time) after `warm_up` untimed ones that must succeed; false, with the
+// error on `st`, when the document does not parse.
+bool time_qorcfg(State &st, const std::string &doc, int warm_up = 1) {
+    Buffer buf(doc);
+    for (int i = 0; i < warm_up; ++i) {
+        if (!parsed_tree(st, buf)) {
+            return false;
+        }
     }
     for (auto _ : st) {
         ezxml_node *root = ezxml_parse_str(buf.refill(), buf.size());
         benchmark::DoNotOptimize(root);
         ezxml_free(root);
     }
-    set_bytes(st, bytes);
+    return true;
+}
+
+void parse_qorcfg(State &st, std::size_t bytes) {
+    if (time_qorcfg(st, corpus(bytes).doc)) {
+        set_bytes(st, bytes);
+    }
 }
 
 #if QORCFG_BENCH_PUGIXML
@@ -177,17 +188,25 @@ bool expat_parse(const char *data, std::size_t size) {
     return ok;
 }
 
-void parse_expat(State &st, std::size_t bytes) {
-    Buffer buf(corpus(bytes).doc);
-    if (!expat_parse(buf.refill(), buf.size())) {
-        st.SkipWithError("expat: parse failed");
-        return;
+bool time_expat(State &st, const std::string &doc, int warm_up = 1) {
+    Buffer buf(doc);
+    for (int i = 0; i < warm_up; ++i) {
+        if (!expat_parse(buf.refill(), buf.size())) {
+            st.SkipWithError("expat: parse failed");
+            return false;
+        }
     }
     for (auto _ : st) {
         bool ok = expat_parse(buf.refill(), buf.size());
         benchmark::DoNotOptimize(ok);
     }
-    set_bytes(st, bytes);
+    return true;
+}
+
+void parse_expat(State &st, std::size_t bytes) {
+    if (time_expat(st, corpus(bytes).doc)) {
+        set_bytes(st, bytes);
+    }
 }
 #endif
 
@@ -200,20 +219,28 @@ xmlDocPtr libxml2_read(const char *data, std::size_t size) {
     return xmlReadMemory(data, static_cast<int>(size), "config.xml", nullptr, kLibxml2Options);
 }
 
-void parse_libxml2(State &st, std::size_t bytes) {
-    Buffer buf(corpus(bytes).doc);
-    if (xmlDocPtr check = libxml2_read(buf.refill(), buf.size())) {
+bool time_libxml2(State &st, const std::string &doc, int warm_up = 1) {
+    Buffer buf(doc);
+    for (int i = 0; i < warm_up; ++i) {
+        xmlDocPtr check = libxml2_read(buf.refill(), buf.size());
+        if (check == nullptr) {
+            st.SkipWithError("libxml2: parse failed");
+            return false;
+        }
         xmlFreeDoc(check);
-    } else {
-        st.SkipWithError("libxml2: parse failed");
-        return;
     }
     for (auto _ : st) {
-        xmlDocPtr doc = libxml2_read(buf.refill(), buf.size());
-        benchmark::DoNotOptimize(doc);
-        xmlFreeDoc(doc);
+        xmlDocPtr parsed = libxml2_read(buf.refill(), buf.size());
+        benchmark::DoNotOptimize(parsed);
+        xmlFreeDoc(parsed);
     }
-    set_bytes(st, bytes);
+    return true;
+}
+
+void parse_libxml2(State &st, std::size_t bytes) {
+    if (time_libxml2(st, corpus(bytes).doc)) {
+        set_bytes(st, bytes);
+    }
 }
 #endif
 
@@ -518,56 +545,32 @@ void steady_heap() {
     (void)done;
 }
 
+void set_declarations(State &st, std::size_t count) {
+    st.SetItemsProcessed(static_cast<std::int64_t>(st.iterations() * count));
+}
+
 void dtd_qorcfg(State &st, std::size_t count) {
     steady_heap();
-    Buffer buf(dtd_document(count));
-    for (int i = 0; i < kDtdWarmUp; ++i) {
-        if (!parsed_tree(st, buf)) {
-            return;
-        }
+    if (time_qorcfg(st, dtd_document(count), kDtdWarmUp)) {
+        set_declarations(st, count);
     }
-    for (auto _ : st) {
-        ezxml_node *root = ezxml_parse_str(buf.refill(), buf.size());
-        benchmark::DoNotOptimize(root);
-        ezxml_free(root);
-    }
-    st.SetItemsProcessed(static_cast<std::int64_t>(st.iterations() * count));
 }
 
 #if QORCFG_BENCH_EXPAT
 void dtd_expat(State &st, std::size_t count) {
     steady_heap();
-    Buffer buf(dtd_document(count));
-    for (int i = 0; i < kDtdWarmUp; ++i) {
-        if (!expat_parse(buf.refill(), buf.size())) {
-            st.SkipWithError("expat: parse failed");
-            return;
-        }
+    if (time_expat(st, dtd_document(count), kDtdWarmUp)) {
+        set_declarations(st, count);
     }
-    for (auto _ : st) {
-        bool ok = expat_parse(buf.refill(), buf.size());
-        benchmark::DoNotOptimize(ok);
-    }
-    st.SetItemsProcessed(static_cast<std::int64_t>(st.iterations() * count));
 }
 #endif
 
 #if QORCFG_BENCH_LIBXML2
 void dtd_libxml2(State &st, std::size_t count) {
     steady_heap();
-    Buffer buf(dtd_document(count));
-    for (int i = 0; i < kDtdWarmUp; ++i) {
-        xmlFreeDoc(libxml2_read(buf.refill(), buf.size()));
+    if (time_libxml2(st, dtd_document(count), kDtdWarmUp)) {
+        set_declarations(st, count);
     }
-    for (auto _ : st) {
-        xmlDocPtr doc = libxml2_read(buf.refill(), buf.size());
-        if (doc == nullptr) {
-            st.SkipWithError("libxml2: parse failed");
-            break;
-        }
-        xmlFreeDoc(doc);
-    }
-    st.SetItemsProcessed(static_cast<std::int64_t>(st.iterations() * count));
 }
 #endif
 

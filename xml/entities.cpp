@@ -110,45 +110,15 @@ long EntityList::find(const char *ref) const {
 }
 
 bool EntityList::names_room() {
-    if ((names_used_ + 1) * 2 <= names_cap_)
-        return true;
-    const size_t cap = names_cap_ == 0 ? 64 : names_cap_ * 2;
-    auto *slots = static_cast<Slot *>(os::calloc(cap, sizeof(Slot)));
-    if (slots == nullptr)
-        return false;
-    for (size_t i = 0; i < names_cap_; ++i) {
-        if (names_[i].entity == 0)
-            continue;
-        size_t j = names_[i].hash & (cap - 1);
-        while (slots[j].entity != 0)
-            j = (j + 1) & (cap - 1);
-        slots[j] = names_[i];
-    }
-    std::free(names_);
-    names_ = slots;
-    names_cap_ = cap;
-    return true;
+    return make_room(
+        names_, names_cap_, names_used_, [](const Slot &s) { return s.entity == 0; },
+        [](const Slot &s) { return s.hash; });
 }
 
 bool EntityList::referenced_room() {
-    if ((referenced_used_ + 1) * 2 <= referenced_cap_)
-        return true;
-    const size_t cap = referenced_cap_ == 0 ? 64 : referenced_cap_ * 2;
-    auto *keys = static_cast<uint64_t *>(os::calloc(cap, sizeof(uint64_t)));
-    if (keys == nullptr)
-        return false;
-    for (size_t i = 0; i < referenced_cap_; ++i) {
-        if (referenced_[i] == 0)
-            continue;
-        size_t j = (referenced_[i] >> 32) & (cap - 1);
-        while (keys[j] != 0)
-            j = (j + 1) & (cap - 1);
-        keys[j] = referenced_[i];
-    }
-    std::free(referenced_);
-    referenced_ = keys;
-    referenced_cap_ = cap;
-    return true;
+    return make_room(
+        referenced_, referenced_cap_, referenced_used_, [](uint64_t key) { return key == 0; },
+        [](uint64_t key) { return static_cast<uint32_t>(key >> 32); });
 }
 
 // Enters the entity `name` at `at` into the name index (a name already there

@@ -130,7 +130,9 @@ public:
     // Slot of the group `name` under `parent`, creating an empty one.
     // SIZE_MAX when memory runs out.
     size_t find(const ezxml_node *parent, const char *name) {
-        if ((used_ + 1) * 2 > cap_ && !rehash())
+        if (!make_room(
+                slots_, cap_, used_, [](const Slot &s) { return s.parent == nullptr; },
+                [](const Slot &s) { return s.hash; }))
             return SIZE_MAX;
         uint32_t h = hash(parent, name);
         size_t mask = cap_ - 1;
@@ -160,25 +162,6 @@ private:
         for (const unsigned char *p = reinterpret_cast<const unsigned char *>(name); *p; ++p)
             h = (h ^ *p) * 16777619u;
         return h;
-    }
-
-    bool rehash() {
-        size_t cap = cap_ == 0 ? 64 : cap_ * 2;
-        auto *slots = static_cast<Slot *>(os::calloc(cap, sizeof(Slot)));
-        if (slots == nullptr)
-            return false;
-        for (size_t i = 0; i < cap_; ++i) {
-            if (slots_[i].parent == nullptr)
-                continue;
-            size_t j = slots_[i].hash & (cap - 1);
-            while (slots[j].parent != nullptr)
-                j = (j + 1) & (cap - 1);
-            slots[j] = slots_[i];
-        }
-        std::free(slots_);
-        slots_ = slots;
-        cap_ = cap;
-        return true;
     }
 
     Slot *slots_ = nullptr;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "os/os.h"
 #include "qorcfg/xml.h"
 
 namespace qorcfg::xml {
@@ -73,6 +74,33 @@ inline char *attr_owner(char **attr, size_t pairs) {
 inline void *shrink(void *p, size_t size) {
     void *fit = std::realloc(p, size);
     return fit != nullptr ? fit : p;
+}
+
+// Open addressing with linear probing: makes room for one more entry in a
+// table of `cap` slots of `used` (kept at most half full; the first table
+// has 64 slots), moving the entries into a larger table when needed. A slot
+// for which `is_free` holds is free (a zeroed slot must be free), `hash_of`
+// gives a used slot's hash. False when memory runs out (nothing changes).
+template <typename T, typename IsFree, typename HashOf>
+bool make_room(T *&slots, size_t &cap, size_t used, IsFree is_free, HashOf hash_of) {
+    if ((used + 1) * 2 <= cap)
+        return true;
+    const size_t grown = cap == 0 ? 64 : cap * 2;
+    auto *fresh = static_cast<T *>(os::calloc(grown, sizeof(T)));
+    if (fresh == nullptr)
+        return false;
+    for (size_t i = 0; i < cap; ++i) {
+        if (is_free(slots[i]))
+            continue;
+        size_t j = hash_of(slots[i]) & (grown - 1);
+        while (!is_free(fresh[j]))
+            j = (j + 1) & (grown - 1);
+        fresh[j] = slots[i];
+    }
+    std::free(slots);
+    slots = fresh;
+    cap = grown;
+    return true;
 }
 
 // A new empty root record named `name` (not copied), or NULL when memory
