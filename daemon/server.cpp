@@ -30,45 +30,30 @@
 #include "os/os.h"
 #include "store/platform.h"
 #include "store/store.h"
+#include "store/wire.h"
 
 namespace qorcfg::daemon {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Record types of a reply.
-constexpr unsigned char kEndRecord = 0;
-constexpr unsigned char kHeaderRecord = 1;
-constexpr unsigned char kNameRecord = 3;
-constexpr unsigned char kValueRecord = 4;
-constexpr unsigned char kIndexRecord = 5;
+using namespace wire;
 
-constexpr size_t kHeaderSize = 3 + 12;
-constexpr size_t kEndSize = 3;
+constexpr size_t kHeaderSize = kRecordHead + kHeaderValue;
+constexpr size_t kEndSize = kRecordHead;
 // Bytes of a chunk left for attribute records.
 constexpr size_t kRecordRoom = kChunkSize - kHeaderSize - kEndSize;
 
 void put16(std::string &out, uint32_t v) {
-    out.push_back(static_cast<char>((v >> 8) & 0xFF));
-    out.push_back(static_cast<char>(v & 0xFF));
+    unsigned char bytes[2];
+    put_be16(bytes, v);
+    out.append(reinterpret_cast<const char *>(bytes), sizeof bytes);
 }
 
 void put32(std::string &out, uint32_t v) {
-    out.push_back(static_cast<char>((v >> 24) & 0xFF));
-    out.push_back(static_cast<char>((v >> 16) & 0xFF));
-    out.push_back(static_cast<char>((v >> 8) & 0xFF));
-    out.push_back(static_cast<char>(v & 0xFF));
-}
-
-void set32(std::string &out, size_t at, uint32_t v) {
-    out[at] = static_cast<char>((v >> 24) & 0xFF);
-    out[at + 1] = static_cast<char>((v >> 16) & 0xFF);
-    out[at + 2] = static_cast<char>((v >> 8) & 0xFF);
-    out[at + 3] = static_cast<char>(v & 0xFF);
-}
-
-uint32_t get32(const unsigned char *p) {
-    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
+    unsigned char bytes[4];
+    put_be32(bytes, v);
+    out.append(reinterpret_cast<const char *>(bytes), sizeof bytes);
 }
 
 // A name or value record: the text's bytes and a terminating zero, which
@@ -121,7 +106,9 @@ public:
             // The client keeps reading while a header says more follows,
             // until the daemon closes the connection.
             for (size_t at : headers_)
-                set32(out_, at + 3 + 4, kMoreChunks);
+                put_be32(
+                    reinterpret_cast<unsigned char *>(&out_[at + kRecordHead + kHeaderFlagsAt]),
+                    kMoreChunks);
         }
         return std::move(out_);
     }
@@ -171,7 +158,7 @@ std::string list_reply(qorcfg_attr *list) {
     ReplyBuilder reply(0);
     for (const qorcfg_attr *a = list; a != nullptr; a = a->next) {
         if (!reply.add(attribute_records(a->name, a->value, a->index)))
-            return result_only(kNotExpressible);
+            return result_only(QORCFG_ERR_DAEMON);
     }
     return std::move(reply).finish();
 }
@@ -191,12 +178,12 @@ bool terminated(const char (&field)[N]) {
 // holds the lock while it asks) may hold for long: waiting for it would
 // stall every client. So the lock is tried without waiting and held over
 // the read (another shared lock is then granted at once); when it is busy
-// the answer is kNotExpressible and the client reads the file itself.
+// the answer is QORCFG_ERR_DAEMON and the client reads the file itself.
 int item_by_path(const char *file, const char *path, const char *item, char *value) {
     value[0] = '\0';
     const int held = lock_qorcfg(file_kind(file), LOCK_SH | LOCK_NB);
     if (held < 0)
-        return kNotExpressible;
+        return QORCFG_ERR_DAEMON;
     std::string group_path = std::string("qorconfig.") + path;
     if (group_path.size() > 128)
         group_path.resize(128);
@@ -229,8 +216,8 @@ std::string answer(qorcfg_handle *ram, qorcfg_handle *current,
     const bool is_current = std::strcmp(request.file, current_config) == 0;
     qorcfg_handle *handle = is_current ? current : ram;
     const char *file = is_current ? current_config : config_ram;
-    const uint32_t code = get32(reinterpret_cast<const unsigned char *>(&request.code));
-    const uint32_t gid = get32(request.gid);
+    const uint32_t code = get_be32(reinterpret_cast<const unsigned char *>(&request.code));
+    const uint32_t gid = get_be32(request.gid);
     const bool list = request.item[0] == '\0';
 
     if (code != QORCFG_REQ_BY_GID && code != QORCFG_REQ_BY_NAME && code != QORCFG_REQ_BY_GID_PATH &&
@@ -265,8 +252,8 @@ std::string answer(qorcfg_handle *ram, qorcfg_handle *current,
             break;
         default:
             result = item_by_path(file, request.path, request.item, value.data());
-            if (result == kNotExpressible)
-                return result_only(kNotExpressible);
+            if (result == QORCFG_ERR_DAEMON)
+                return result_only(QORCFG_ERR_DAEMON);
             break;
     }
     return item_reply(result, request.item, value.data());

@@ -23,17 +23,6 @@
 
 namespace qorcfg::daemon {
 
-// Every reply chunk is written with one write of exactly this many bytes.
-inline constexpr size_t kChunkSize = 4096;
-// Header flag: further chunks follow (set in every chunk of a reply of more
-// than one).
-inline constexpr uint32_t kMoreChunks = 2;
-// Result code of a reply that cannot be expressed in the reply format (an
-// attribute too long for one chunk) or not given without waiting (a path
-// read while a writer holds the file's lock): the client takes it for a
-// transport failure and reads the file itself, so it still sees the local
-// answer.
-inline constexpr int32_t kNotExpressible = -10001;
 // Pid file of the daemon (through the OS seam, so below the root when one
 // is set).
 inline constexpr const char *kPidFile = "/var/run/read_qorcfgd.pid";

@@ -5,10 +5,11 @@
 #include <cstring>
 
 #include "store/store.h"
+#include "store/wire.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size > 4096)
-        size = 4096;
+    if (size > qorcfg::wire::kChunkSize)
+        size = qorcfg::wire::kChunkSize;
     auto *buf = static_cast<unsigned char *>(std::malloc(size > 0 ? size : 1));
     if (buf == nullptr)
         return 0;

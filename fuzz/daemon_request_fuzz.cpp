@@ -13,6 +13,7 @@
 #include "os/os.h"
 #include "qorcfg.h"
 #include "store/platform.h"
+#include "store/wire.h"
 
 namespace {
 
@@ -81,9 +82,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static Setup setup;
     const qorcfg_daemon_request request = qorcfg::daemon::request_from_bytes(data, size);
     const std::string reply = qorcfg::daemon::answer(setup.ram, setup.current, request);
-    if (reply.empty() || reply.size() % qorcfg::daemon::kChunkSize != 0)
+    if (reply.empty() || reply.size() % qorcfg::wire::kChunkSize != 0)
         __builtin_trap();
-    for (size_t at = 0; at < reply.size(); at += qorcfg::daemon::kChunkSize) {
+    for (size_t at = 0; at < reply.size(); at += qorcfg::wire::kChunkSize) {
         if (reply[at] != 1 || reply[at + 1] != 0 || reply[at + 2] != 12)
             __builtin_trap();
     }

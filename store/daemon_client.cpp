@@ -15,25 +15,12 @@
 
 #include "os/os.h"
 #include "store/store.h"
+#include "store/wire.h"
 
 namespace qorcfg {
 namespace {
 
-constexpr size_t kChunk = 4096;
-constexpr uint32_t kMoreFlag = 2;
-
-enum RecordType : unsigned char {
-    kEnd = 0,
-    kHeader = 1,
-    kEnd2 = 2,
-    kName = 3,
-    kValue = 4,
-    kIndex = 5,
-};
-
-uint32_t be32(const unsigned char *p) {
-    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
-}
+using namespace wire;
 
 // Copies `text` into a request field of `size` bytes (zeroed); false when
 // it does not fit with its terminating zero.
@@ -59,28 +46,28 @@ ReplyChunk decode_chunk(unsigned char *buf, size_t n, bool *more, int *result) {
     Chunk out;
     const char *name = nullptr;
     size_t pos = 0;
-    while (pos + 3 <= n) {
+    while (pos + kRecordHead <= n) {
         unsigned char type = buf[pos];
-        size_t len = (size_t{buf[pos + 1]} << 8) | buf[pos + 2];
-        const unsigned char *v = buf + pos + 3;
-        if (type == kEnd || type == kEnd2)
+        size_t len = get_be16(buf + pos + 1);
+        const unsigned char *v = buf + pos + kRecordHead;
+        if (type == kEndRecord || type == kEndRecordToo)
             break;
         // Texts carry a zero after their bytes; everything must have arrived.
-        size_t size = type == kName || type == kValue ? len + 1 : len;
-        if (pos + 3 + size > n)
+        size_t size = type == kNameRecord || type == kValueRecord ? len + 1 : len;
+        if (pos + kRecordHead + size > n)
             break;
-        if (type == kHeader) {
-            if (len >= 12) {
-                if (be32(v + 4) & kMoreFlag)
+        if (type == kHeaderRecord) {
+            if (len >= kHeaderValue) {
+                if (get_be32(v + kHeaderFlagsAt) & kMoreChunks)
                     *more = true;
-                *result = static_cast<int32_t>(be32(v + 8));
+                *result = static_cast<int32_t>(get_be32(v + kHeaderResultAt));
             }
-        } else if (type == kName) {
-            buf[pos + 3 + len] = '\0';
+        } else if (type == kNameRecord) {
+            buf[pos + kRecordHead + len] = '\0';
             name = reinterpret_cast<const char *>(v);
             state = kNameSeen;
-        } else if (type == kValue) {
-            buf[pos + 3 + len] = '\0';
+        } else if (type == kValueRecord) {
+            buf[pos + kRecordHead + len] = '\0';
             if (state == kNameSeen) {
                 qorcfg_attr *record = new_attr(name, reinterpret_cast<const char *>(v));
                 if (record == nullptr) {
@@ -96,14 +83,14 @@ ReplyChunk decode_chunk(unsigned char *buf, size_t n, bool *more, int *result) {
             } else {
                 state = kIdle;  // a value without a name is skipped
             }
-        } else if (type == kIndex && state == kValueSeen && len >= 4) {
-            out.last->index = static_cast<int32_t>(be32(v));
+        } else if (type == kIndexRecord && state == kValueSeen && len >= 4) {
+            out.last->index = static_cast<int32_t>(get_be32(v));
         } else {
             // An index that does not follow a value, or an unknown type:
             // the record cannot be consumed, so the chunk ends here.
             break;
         }
-        pos += 3 + size;
+        pos += kRecordHead + size;
     }
     return out;
 }
@@ -120,28 +107,19 @@ qorcfg_daemon_request make_request(uint32_t code, const char *file, const char *
     qorcfg_daemon_request req;
     std::memset(&req, 0, sizeof req);
     *fits = put_text(req.file, sizeof req.file, file);
-    req.marker[0] = '_';
-    const auto c = static_cast<uint32_t>(code);
-    auto *code_bytes = reinterpret_cast<unsigned char *>(&req.code);
-    code_bytes[0] = static_cast<unsigned char>(c >> 24);
-    code_bytes[1] = static_cast<unsigned char>(c >> 16);
-    code_bytes[2] = static_cast<unsigned char>(c >> 8);
-    code_bytes[3] = static_cast<unsigned char>(c);
+    req.marker[0] = wire::kMarker;
+    wire::put_be32(reinterpret_cast<unsigned char *>(&req.code), code);
     *fits = put_text(req.item, sizeof req.item, item) && *fits;
     *fits = put_text(req.name, sizeof req.name, name) && *fits;
     *fits = put_text(req.path, sizeof req.path, path) && *fits;
-    const auto g = static_cast<uint32_t>(gid);
-    req.gid[0] = static_cast<unsigned char>(g >> 24);
-    req.gid[1] = static_cast<unsigned char>(g >> 16);
-    req.gid[2] = static_cast<unsigned char>(g >> 8);
-    req.gid[3] = static_cast<unsigned char>(g);
+    wire::put_be32(req.gid, static_cast<uint32_t>(gid));
     return req;
 }
 
-// Not sendable: a text does not fit its field. Reported as a transport
-// failure, so that callers read the file instead of asking the daemon
-// about a cut name.
-constexpr int kNotSendable = -10001;
+// A request whose text does not fit its field is not sent; it is reported
+// as a transport failure, so that callers read the file instead of asking
+// the daemon about a cut name.
+constexpr int kNotSendable = QORCFG_ERR_DAEMON;
 
 // Asks for one item; its value (cut to 255 characters) into `value`.
 int single_item(const qorcfg_daemon_request &req, bool fits, char *value) {
@@ -164,7 +142,7 @@ QORCFG_API int get_attr_from_daemon(qorcfg_daemon_request request, qorcfg_attr *
         *list = nullptr;
     int fd = os::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
-        return -10002;
+        return QORCFG_ERR_DAEMON_SOCKET;
     sockaddr_un addr;
     std::memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;
@@ -177,29 +155,29 @@ QORCFG_API int get_attr_from_daemon(qorcfg_daemon_request request, qorcfg_attr *
     if (len >= sizeof addr.sun_path || os::connect(fd, reinterpret_cast<sockaddr *>(&addr),
                                                    static_cast<socklen_t>(len + 2)) != 0) {
         os::close(fd);
-        return -10003;
+        return QORCFG_ERR_DAEMON_CONNECT;
     }
     // A daemon that closes before reading must give -10004, not SIGPIPE.
     if (os::send(fd, &request, QORCFG_REQUEST_SENT, MSG_NOSIGNAL) == -1) {
         os::close(fd);
-        return -10004;
+        return QORCFG_ERR_DAEMON_SEND;
     }
-    auto *buf = static_cast<unsigned char *>(os::calloc(kChunk, 1));
+    auto *buf = static_cast<unsigned char *>(os::calloc(wire::kChunkSize, 1));
     if (buf == nullptr) {
         os::close(fd);
-        return -10005;
+        return QORCFG_ERR_DAEMON_RECV;
     }
     qorcfg_attr *first = nullptr;
     qorcfg_attr *last = nullptr;
     int result = 0;
     bool more = false;
     do {
-        ssize_t n = os::recv(fd, buf, kChunk, 0);
+        ssize_t n = os::recv(fd, buf, wire::kChunkSize, 0);
         if (n < 0) {
             free_attr_list(first);
             std::free(buf);
             os::close(fd);
-            return -10005;
+            return QORCFG_ERR_DAEMON_RECV;
         }
         if (n == 0) {
             more = false;  // the peer closed

@@ -31,6 +31,7 @@
 #include "os/os.h"
 #include "qorcfg.h"
 #include "store/platform.h"
+#include "store/wire.h"
 #include "tests/support/daemon_wire.h"
 #include "tests/support/sandbox.h"
 
@@ -43,7 +44,7 @@ using qorcfg::test::CaptureOutput;
 using qorcfg::test::Sandbox;
 using qorcfg::test::SandboxTest;
 
-constexpr size_t kChunk = qorcfg::daemon::kChunkSize;
+constexpr size_t kChunk = qorcfg::wire::kChunkSize;
 
 // ---- fixture files ---------------------------------------------------------
 
@@ -665,7 +666,7 @@ TEST_F(DaemonAnswer, LongListsSplitIntoChunksAtAttributeBoundaries) {
     ASSERT_TRUE(r.well_formed) << r.problem;
     EXPECT_GT(r.chunks(), 3u);
     for (size_t i = 0; i < r.chunks(); ++i) {
-        EXPECT_EQ(r.flags[i], qorcfg::daemon::kMoreChunks) << "chunk " << i;
+        EXPECT_EQ(r.flags[i], qorcfg::wire::kMoreChunks) << "chunk " << i;
         EXPECT_EQ(r.results[i], 0);
     }
     EXPECT_EQ(r.records, records_of(get_attr_list_by_gid_direct(ram, vlan, nullptr)));
@@ -684,7 +685,7 @@ TEST_F(DaemonAnswer, AnAttributeTooLongForAChunkSendsTheClientToTheFile) {
     ASSERT_NE(ram, nullptr);
     Reply r = decode(answer(QORCFG_REQ_BY_NAME, "", "sys_device", "", -1));
     ASSERT_TRUE(r.well_formed) << r.problem;
-    EXPECT_EQ(r.result(), qorcfg::daemon::kNotExpressible);
+    EXPECT_EQ(r.result(), QORCFG_ERR_DAEMON);
     EXPECT_TRUE(r.records.empty());
 }
 
@@ -700,7 +701,7 @@ TEST_F(DaemonAnswer, PathReadsNeverWaitForAWritersLock) {
     Reply busy = decode(answer(QORCFG_REQ_BY_GID_PATH, "name", "", "system.device", device));
     unlock_qorcfg(writer);
     ASSERT_TRUE(busy.well_formed) << busy.problem;
-    EXPECT_EQ(busy.result(), qorcfg::daemon::kNotExpressible);
+    EXPECT_EQ(busy.result(), QORCFG_ERR_DAEMON);
     EXPECT_TRUE(busy.records.empty());
     EXPECT_EQ(answer(QORCFG_REQ_BY_GID_PATH, "name", "", "system.device", device), before);
 }
@@ -880,7 +881,7 @@ TEST_F(DaemonDifferential, ListsLongerThanOneChunkArriveWhole) {
     ASSERT_TRUE(r.well_formed) << r.problem;
     EXPECT_TRUE(closed);
     EXPECT_GT(r.chunks(), 3u);
-    EXPECT_EQ(r.flags, std::vector<uint32_t>(r.chunks(), qorcfg::daemon::kMoreChunks));
+    EXPECT_EQ(r.flags, std::vector<uint32_t>(r.chunks(), qorcfg::wire::kMoreChunks));
     EXPECT_EQ(r.records, want);
 }
 

@@ -13,6 +13,7 @@
 
 #include "os/os.h"
 #include "qorcfg.h"
+#include "store/wire.h"
 
 namespace qorcfg::test {
 
@@ -25,8 +26,8 @@ std::string be32(uint32_t v) {
 }
 
 std::string header(uint32_t flags, int32_t result) {
-    return "\x01" + be16(12) + std::string(4, '\0') + be32(flags) +
-           be32(static_cast<uint32_t>(result));
+    return std::string(1, static_cast<char>(wire::kHeaderRecord)) + be16(wire::kHeaderValue) +
+           std::string(4, '\0') + be32(flags) + be32(static_cast<uint32_t>(result));
 }
 
 std::string text_record(char type, const std::string &text) {
@@ -35,22 +36,23 @@ std::string text_record(char type, const std::string &text) {
 }
 
 std::string index_record(int32_t index) {
-    return "\x05" + be16(4) + be32(static_cast<uint32_t>(index));
+    return std::string(1, static_cast<char>(wire::kIndexRecord)) + be16(4) +
+           be32(static_cast<uint32_t>(index));
 }
 
 std::string request(uint32_t code, const std::string &file, const std::string &item,
                     const std::string &name, const std::string &path, int32_t gid) {
     std::string r(QORCFG_REQUEST_SENT, '\0');
-    auto put = [&r](size_t at, size_t field, const std::string &text) {
-        r.replace(at, std::min(text.size(), field), text.substr(0, field));
+    auto put = [&r](wire::Field field, const std::string &text) {
+        r.replace(field.offset, std::min(text.size(), field.size), text.substr(0, field.size));
     };
-    put(0, 513, file);
-    r[513] = '_';
-    r.replace(552, 4, be32(code));
-    put(556, 65, item);
-    put(621, 129, name);
-    put(750, 257, path);
-    r.replace(1007, 4, be32(static_cast<uint32_t>(gid)));
+    put(wire::kFileField, file);
+    r[wire::kMarkerField.offset] = wire::kMarker;
+    put(wire::kCodeField, be32(code));
+    put(wire::kItemField, item);
+    put(wire::kNameField, name);
+    put(wire::kPathField, path);
+    put(wire::kGidField, be32(static_cast<uint32_t>(gid)));
     return r;
 }
 
@@ -121,7 +123,7 @@ void FakeDaemon::serve() {
         requests_.push_back(got);
         for (std::string chunk : chunks) {
             if (pad_)
-                chunk.resize(std::max<size_t>(chunk.size(), 4096), '\0');
+                chunk.resize(std::max<size_t>(chunk.size(), wire::kChunkSize), '\0');
             ::send(fd, chunk.data(), chunk.size(), MSG_NOSIGNAL);
         }
         ::close(fd);
