@@ -278,7 +278,7 @@ extern "C" void on_signal(int sig) {
     const int fd = g_signal_fd.load();
     if (fd >= 0) {
         const char byte = 'S';
-        [[maybe_unused]] ssize_t n = ::write(fd, &byte, 1);
+        [[maybe_unused]] ssize_t n = os::write(fd, &byte, 1);
     }
     errno = saved;
 }
@@ -313,9 +313,9 @@ Server::~Server() {
         std::signal(SIGINT, SIG_DFL);
     }
     if (wake_read_ >= 0)
-        ::close(wake_read_);
+        os::close(wake_read_);
     if (wake_write_ >= 0)
-        ::close(wake_write_);
+        os::close(wake_write_);
 }
 
 std::string Server::answer(const qorcfg_daemon_request &request) const {
@@ -359,26 +359,26 @@ bool Server::open_socket() {
     std::memcpy(addr.sun_path, socket_path_.data(), socket_path_.size());
     const auto len =
         static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + socket_path_.size() + 1);
-    listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    listener_ = os::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (listener_ < 0) {
         complain("socket", std::strerror(errno));
         return false;
     }
     const auto *address = reinterpret_cast<const sockaddr *>(&addr);
-    int bound = ::bind(listener_, address, len);
+    int bound = os::bind(listener_, address, len);
     if (bound != 0 && errno == EADDRINUSE) {
         // A socket file is there: another daemon, or one left by a daemon
         // that did not end cleanly. Only the latter may be replaced.
-        int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const bool alive = probe >= 0 && ::connect(probe, address, len) == 0;
+        int probe = os::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const bool alive = probe >= 0 && os::connect(probe, address, len) == 0;
         if (probe >= 0)
-            ::close(probe);
+            os::close(probe);
         if (alive) {
             complain(socket_path_.c_str(), "another daemon answers on this socket");
             return false;
         }
-        ::unlink(socket_path_.c_str());
-        bound = ::bind(listener_, address, len);
+        os::remove_socket(socket_path_.c_str());
+        bound = os::bind(listener_, address, len);
     }
     if (bound != 0) {
         complain(socket_path_.c_str(), std::strerror(errno));
@@ -414,7 +414,7 @@ bool Server::start() {
     pid_written_ = os::write_file(kPidFile, pid) == 0;
     if (!pid_written_)
         complain(kPidFile, "cannot be written; writers cannot signal this daemon to re-read");
-    if (::listen(listener_, SOMAXCONN) != 0) {
+    if (os::listen(listener_, SOMAXCONN) != 0) {
         complain("listen", std::strerror(errno));
         stop();
         return false;
@@ -427,16 +427,16 @@ bool Server::start() {
 void Server::stop() {
     for (Client &c : clients_) {
         if (c.fd >= 0)
-            ::close(c.fd);
+            os::close(c.fd);
     }
     clients_.clear();
     client_count_ = 0;
     if (listener_ >= 0) {
-        ::close(listener_);
+        os::close(listener_);
         listener_ = -1;
     }
     if (socket_bound_) {
-        ::unlink(socket_path_.c_str());
+        os::remove_socket(socket_path_.c_str());
         socket_bound_ = false;
     }
     if (pid_written_) {
@@ -450,7 +450,7 @@ void Server::stop() {
 void Server::wake_up() {
     if (wake_write_ >= 0) {
         const char byte = 'W';
-        [[maybe_unused]] ssize_t n = ::write(wake_write_, &byte, 1);
+        [[maybe_unused]] ssize_t n = os::write(wake_write_, &byte, 1);
     }
 }
 
@@ -489,7 +489,7 @@ void Server::drop(size_t index) {
     // several chunks sees a short list. So clients are dropped only when
     // idle past the limit, and readers last when room is needed.
     if (clients_[index].fd >= 0)
-        ::close(clients_[index].fd);
+        os::close(clients_[index].fd);
     clients_.erase(clients_.begin() + static_cast<std::ptrdiff_t>(index));
     client_count_ = clients_.size();
 }
@@ -510,7 +510,7 @@ void Server::drop_longest_idle() {
 void Server::accept_clients() {
     // Bounded, so that a flood of connections cannot hold the loop.
     for (size_t n = 0; n <= options_.max_clients; ++n) {
-        int fd = ::accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        int fd = os::accept(listener_, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED)
                 continue;
@@ -532,8 +532,8 @@ void Server::accept_clients() {
 
 void Server::read_from(Client &client) {
     while (client.received < QORCFG_REQUEST_SENT) {
-        ssize_t n = ::recv(client.fd, client.request.data() + client.received,
-                           QORCFG_REQUEST_SENT - client.received, MSG_DONTWAIT);
+        ssize_t n = os::recv(client.fd, client.request.data() + client.received,
+                             QORCFG_REQUEST_SENT - client.received, MSG_DONTWAIT);
         if (n > 0) {
             client.received += static_cast<size_t>(n);
             client.last_activity = Clock::now();
@@ -544,7 +544,7 @@ void Server::read_from(Client &client) {
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
             return;
         // Gone before the request was complete: nobody to answer.
-        ::close(client.fd);
+        os::close(client.fd);
         client.fd = -1;
         return;
     }
@@ -552,7 +552,7 @@ void Server::read_from(Client &client) {
         client.reply = answer(request_from_bytes(client.request.data(), client.received));
     } catch (const std::bad_alloc &) {
         complain("request", "out of memory; connection dropped");
-        ::close(client.fd);
+        os::close(client.fd);
         client.fd = -1;
         return;
     }
@@ -564,8 +564,8 @@ void Server::write_to(Client &client) {
     while (client.sent < client.reply.size()) {
         // One write per chunk, so that a chunk arrives in one receive.
         const size_t len = kChunkSize - client.sent % kChunkSize;
-        ssize_t n =
-            ::send(client.fd, client.reply.data() + client.sent, len, MSG_DONTWAIT | MSG_NOSIGNAL);
+        ssize_t n = os::send(client.fd, client.reply.data() + client.sent, len,
+                             MSG_DONTWAIT | MSG_NOSIGNAL);
         if (n > 0) {
             client.sent += static_cast<size_t>(n);
             client.last_activity = Clock::now();
@@ -574,8 +574,8 @@ void Server::write_to(Client &client) {
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-            return;          // wait until the socket takes more
-        ::close(client.fd);  // the client went away
+            return;            // wait until the socket takes more
+        os::close(client.fd);  // the client went away
         client.fd = -1;
         return;
     }
@@ -589,11 +589,11 @@ void Server::finish(Client &client) {
     // then fail instead of seeing the end.
     char scrap[4096];
     for (int i = 0; i < 16; ++i) {
-        ssize_t n = ::recv(client.fd, scrap, sizeof scrap, MSG_DONTWAIT);
+        ssize_t n = os::recv(client.fd, scrap, sizeof scrap, MSG_DONTWAIT);
         if (n <= 0 && !(n < 0 && errno == EINTR))
             break;
     }
-    ::close(client.fd);
+    os::close(client.fd);
     client.fd = -1;
 }
 
@@ -628,7 +628,7 @@ bool Server::run_once(std::chrono::milliseconds timeout) {
     if (fds[0].revents & POLLIN) {
         char bytes[64];
         ssize_t n;
-        while ((n = ::read(wake_read_, bytes, sizeof bytes)) > 0) {
+        while ((n = os::read(wake_read_, bytes, sizeof bytes)) > 0) {
         }
     }
     if (g_signal_fd.load() == wake_write_ && wake_write_ >= 0) {

@@ -196,6 +196,32 @@ int munmap(void *addr, size_t length) {
     return ::munmap(addr, length);
 }
 
+// ---- descriptors -----------------------------------------------------------------
+
+ssize_t read(int fd, void *buf, size_t size) {
+    if (faulted(Call::read))
+        return -1;
+    return ::read(fd, buf, size);
+}
+
+ssize_t write(int fd, const void *buf, size_t size) {
+    if (faulted(Call::write))
+        return -1;
+    return ::write(fd, buf, size);
+}
+
+int fstat(int fd, struct stat *st) {
+    if (faulted(Call::fstat))
+        return -1;
+    return ::fstat(fd, st);
+}
+
+int fsync(int fd) {
+    if (faulted(Call::fsync))
+        return -1;
+    return ::fsync(fd);
+}
+
 // ---- writing a file whole ---------------------------------------------------------
 
 namespace {
@@ -223,18 +249,14 @@ bool follow_links(std::string &path) {
 // Writes all of `data` to `fd` and flushes it to the device.
 bool write_all(int fd, std::string_view data) {
     while (!data.empty()) {
-        if (faulted(Call::write))
-            return false;
-        ssize_t n = ::write(fd, data.data(), data.size());
+        ssize_t n = write(fd, data.data(), data.size());
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
             return false;
         data.remove_prefix(static_cast<size_t>(n));
     }
-    if (faulted(Call::fsync))
-        return false;
-    return ::fsync(fd) == 0;
+    return fsync(fd) == 0;
 }
 
 // Closes `fd`, keeping errno when `ok` is already false.
@@ -246,31 +268,17 @@ bool close_after(int fd, bool ok) {
     return ok && closed;
 }
 
-// Creates a new file beside `host` (same directory, a name that starts with
-// a dot), open for writing; -1 when the directory takes none.
-int create_beside(const std::string &host, std::string &temp) {
-    static std::atomic<unsigned> serial{0};
-    const size_t slash = host.rfind('/');
-    const std::string dir = slash == std::string::npos ? std::string() : host.substr(0, slash + 1);
-    const std::string base = slash == std::string::npos ? host : host.substr(slash + 1);
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        temp = dir + "." + base + ".new-" + std::to_string(::getpid()) + "-" +
-               std::to_string(serial.fetch_add(1));
-        if (faulted(Call::open))
-            return -1;
-        int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (fd >= 0 || errno != EEXIST)
-            return fd;
-    }
-    return -1;
+// The directory part of a path, with its '/' ("" for a bare name).
+std::string directory_of(const std::string &path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
 }
 
 // Flushes the directory entry of a renamed file; not every file system can,
 // and the file itself is already safe, so a failure changes nothing.
 void sync_directory(const std::string &host) {
-    const size_t slash = host.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : host.substr(0, slash + 1);
-    int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const std::string dir = directory_of(host);
+    int fd = ::open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd >= 0) {
         ::fsync(fd);
         ::close(fd);
@@ -278,6 +286,29 @@ void sync_directory(const std::string &host) {
 }
 
 }  // namespace
+
+int create_beside(const char *path, std::string &temp) {
+    static std::atomic<unsigned> serial{0};
+    const std::string target = path != nullptr ? path : "";
+    const std::string dir = directory_of(target);
+    const std::string base = target.substr(dir.size());
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        temp = dir + "." + base + ".new-" + std::to_string(::getpid()) + "-" +
+               std::to_string(serial.fetch_add(1));
+        int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd >= 0 || errno != EEXIST)
+            return fd;
+    }
+    return -1;
+}
+
+int rename_keeping_mode(const char *from, const char *to) {
+    struct stat st;
+    const std::string target = Rooted(to).c_str();
+    if (::stat(target.c_str(), &st) == 0 && ::chmod(Rooted(from).c_str(), st.st_mode & 07777) != 0)
+        return -1;
+    return rename(from, to);
+}
 
 int write_file(const char *path, std::string_view data) {
     if (path == nullptr || path[0] == '\0') {
@@ -288,33 +319,26 @@ int write_file(const char *path, std::string_view data) {
     if (!follow_links(target))
         return -1;
     const std::string host = Rooted(target.c_str()).c_str();
-    struct stat st;
-    const bool exists = ::stat(host.c_str(), &st) == 0;
+    const bool exists = ::access(host.c_str(), F_OK) == 0;
     if (exists && ::access(host.c_str(), W_OK) != 0)
         return -1;
 
     std::string temp;
-    int fd = create_beside(host, temp);
+    int fd = create_beside(target.c_str(), temp);
     if (fd < 0) {
         if (!exists)
             return -1;
         // The directory takes no new file, but the file may be written.
-        if (faulted(Call::open))
-            return -1;
-        fd = ::open(host.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+        fd = open(target.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
         if (fd < 0)
             return -1;
         return close_after(fd, write_all(fd, data)) ? 0 : -1;
     }
-    bool ok = (!exists || ::fchmod(fd, st.st_mode & 07777) == 0) && write_all(fd, data);
-    ok = close_after(fd, ok);
-    if (ok && faulted(Call::rename))
-        ok = false;
-    if (ok)
-        ok = ::rename(temp.c_str(), host.c_str()) == 0;
+    const bool ok = close_after(fd, write_all(fd, data)) &&
+                    rename_keeping_mode(temp.c_str(), target.c_str()) == 0;
     if (!ok) {
         const int saved = errno;
-        ::unlink(temp.c_str());
+        ::unlink(Rooted(temp.c_str()).c_str());
         errno = saved;
         return -1;
     }
@@ -473,6 +497,30 @@ int connect(int fd, const struct sockaddr *addr, socklen_t len) {
     if (faulted(Call::connect))
         return -1;
     return ::connect(fd, addr, len);
+}
+
+int bind(int fd, const struct sockaddr *addr, socklen_t len) {
+    if (faulted(Call::bind))
+        return -1;
+    return ::bind(fd, addr, len);
+}
+
+int listen(int fd, int backlog) {
+    if (faulted(Call::listen))
+        return -1;
+    return ::listen(fd, backlog);
+}
+
+int accept(int fd, int flags) {
+    if (faulted(Call::accept))
+        return -1;
+    return ::accept4(fd, nullptr, nullptr, flags);
+}
+
+int remove_socket(const char *path) {
+    if (faulted(Call::unlink))
+        return -1;
+    return ::unlink(path);
 }
 
 ssize_t send(int fd, const void *buf, size_t len, int flags) {

@@ -19,6 +19,7 @@
 
 #include <dirent.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/types.h>
 
@@ -52,6 +53,25 @@ int chdir(const char *path);
 int flock(int fd, int operation);
 void *mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset);
 int munmap(void *addr, size_t length);
+
+// ---- descriptors ------------------------------------------------------------
+
+ssize_t read(int fd, void *buf, size_t size);
+ssize_t write(int fd, const void *buf, size_t size);
+int fstat(int fd, struct stat *st);
+int fsync(int fd);
+
+// ---- writing a file whole -----------------------------------------------------
+
+// Creates a new, empty file in the directory of the device path `path`
+// (named after it, starting with a dot), open for writing; its device path
+// goes to `temp`. The descriptor, or -1 when the directory takes no new
+// file.
+int create_beside(const char *path, std::string &temp);
+
+// Renames the device path `from` over `to`; when `to` exists, the renamed
+// file first gets its permission bits. 0, or -1 with errno set.
+int rename_keeping_mode(const char *from, const char *to);
 
 // Writes `data` as the whole new content of the file at `path`, so that
 // readers and a power cut see the old file or the new one, never a part:
@@ -139,6 +159,13 @@ const std::string &daemon_socket_path();
 
 int socket(int domain, int type, int protocol);
 int connect(int fd, const struct sockaddr *addr, socklen_t len);
+int bind(int fd, const struct sockaddr *addr, socklen_t len);
+int listen(int fd, int backlog);
+// accept4() without the peer's address.
+int accept(int fd, int flags);
+// Removes a socket file; `path` is used as given (socket paths are never
+// below the root).
+int remove_socket(const char *path);
 ssize_t send(int fd, const void *buf, size_t len, int flags);
 ssize_t recv(int fd, void *buf, size_t len, int flags);
 
@@ -167,7 +194,9 @@ enum class Call {
     chdir,
     flock,
     mmap,
-    write,  // the writes of write_file()
+    read,
+    write,
+    fstat,
     fsync,
     alloc,  // malloc, calloc, realloc, strdup
     system,
@@ -175,6 +204,9 @@ enum class Call {
     kill,
     socket,
     connect,
+    bind,
+    listen,
+    accept,
     send,
     recv,
     ioctl,

@@ -1,11 +1,12 @@
-# Fails when a library source outside os/ calls an operating-system function
-# directly instead of through the seam (qorcfg::os::...).
+# Fails when a library or daemon source outside os/ calls an operating-system
+# function directly instead of through the seam (qorcfg::os::...).
 #   cmake -DSOURCE_DIR=... -P check_seam.cmake
 cmake_minimum_required(VERSION 3.25)
-set(dirs xml store change apply validate backup sys wlan)
+set(dirs xml store change apply validate backup sys wlan daemon)
 set(calls fopen freopen fdopen open creat popen pclose system kill unlink remove rmdir mkdir
           access stat lstat readlink symlink opendir chdir rename truncate flock socket connect
-          send recv ioctl mmap time gettimeofday)
+          send recv ioctl mmap time gettimeofday read write fstat fsync bind listen accept
+          accept4)
 list(JOIN calls "|" alternatives)
 # Calls through the seam are renamed first; what is left, plain, "::" or
 # "std::" qualified, is a direct call. Member calls (.open, ->send) are not.

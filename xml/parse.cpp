@@ -204,7 +204,7 @@ public:
     // Writes the list in its final layout into `block` (attr_block_size
     // bytes): the pointers, then the ownership string marked `where`. The
     // builder is empty afterwards.
-    char **write(void *block, char where) {
+    char **place(void *block, char where) {
         auto **list = static_cast<char **>(block);
         char *own = reinterpret_cast<char *>(list + 2 * n_ + 2);
         for (size_t i = 0; i < n_; ++i) {
@@ -226,7 +226,7 @@ public:
         if (n_ == 0)
             return EZXML_NIL;
         void *block = os::malloc(attr_block_size(n_));
-        return block != nullptr ? write(block, kOwnInline) : nullptr;
+        return block != nullptr ? place(block, kOwnInline) : nullptr;
     }
 
     // Frees the values decoding allocated and forgets the rest.
@@ -403,7 +403,7 @@ ezxml_node *Parser::new_child(char *name, AttrBuilder &attrs) {
     std::memset(node, 0, sizeof(ezxml_node));
     node->name = name;
     node->attr =
-        n > 0 ? attrs.write(node + 1, attrs.owns_any() ? kOwnInNode : kOwnInNodeNone) : EZXML_NIL;
+        n > 0 ? attrs.place(node + 1, attrs.owns_any() ? kOwnInNode : kOwnInNodeNone) : EZXML_NIL;
     node->txt = kEmpty;
     node->off = f.txt_len;
     node->parent = f.node;
@@ -1180,7 +1180,7 @@ QORCFG_API ezxml_node *ezxml_parse_fd(int fd) {
     if (fd < 0)
         return nullptr;
     struct stat st;
-    if (fstat(fd, &st) != 0)
+    if (os::fstat(fd, &st) != 0)
         return nullptr;
     auto size = static_cast<size_t>(st.st_size);
     size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
@@ -1204,7 +1204,7 @@ QORCFG_API ezxml_node *ezxml_parse_fd(int fd) {
         return nullptr;
     size_t got = 0;
     while (got < size) {
-        ssize_t n = read(fd, buf + got, size - got);
+        ssize_t n = os::read(fd, buf + got, size - got);
         if (n <= 0)
             break;
         got += static_cast<size_t>(n);

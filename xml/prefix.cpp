@@ -37,7 +37,7 @@ char *read_stream(FILE *fp, size_t *len) {
     size_t cap = EZXML_BUFSIZE;
     struct stat st;
     int fd = fileno(fp);
-    if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+    if (fd >= 0 && os::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
         off_t at = ftello(fp);
         if (at >= 0 && st.st_size >= at)
             cap = static_cast<size_t>(st.st_size - at) + 1;
