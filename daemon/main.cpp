@@ -15,9 +15,9 @@
 #include <string>
 #include <string_view>
 
+#include "common/offline.h"
 #include "daemon/server.h"
 #include "os/os.h"
-#include "tools/offline.h"
 
 namespace {
 
@@ -31,11 +31,11 @@ qorcfg::os::Runner g_offline;
 // Points the OS seam at an unpacked device root; the socket lives inside it.
 bool use_root(const std::string &dir) {
     std::string socket, error;
-    if (!qorcfg::offline::use_root(dir, g_offline, socket, error)) {
+    if (!qorcfg::common::use_root(dir, g_offline, socket, error)) {
         std::fprintf(stderr, "qorcfgd: --root %s: %s\n", dir.c_str(), error.c_str());
         return false;
     }
-    if (!qorcfg::offline::fits_socket_address(socket)) {
+    if (!qorcfg::common::fits_socket_address(socket)) {
         std::fprintf(stderr, "qorcfgd: --root %s: socket path %s too long\n", dir.c_str(),
                      socket.c_str());
         return false;
@@ -97,6 +97,6 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "qorcfgd: %s\n", e.what());
         status = 1;
     }
-    qorcfg::offline::report("qorcfgd", g_offline);
+    qorcfg::common::report("qorcfgd", g_offline);
     return status;
 }

@@ -18,10 +18,11 @@
 #include <system_error>
 #include <vector>
 
+#include "common/codes.h"
+#include "common/offline.h"
 #include "os/os.h"
 #include "qorcfg.h"
 #include "store/platform.h"
-#include "tools/offline.h"
 
 namespace {
 
@@ -85,43 +86,6 @@ const char kHelp[] =
 
 // ---- result codes ---------------------------------------------------------------------
 
-struct CodeWords {
-    int code;
-    const char *words;
-};
-
-constexpr CodeWords kCodeWords[] = {
-    {QORCFG_BUSY, "the access lock is held"},
-    {QORCFG_ERR_FAIL, "element not found or configuration unreadable"},
-    {QORCFG_ERR_NOMEM, "out of memory"},
-    {QORCFG_ERR_GROUP, "unknown group"},
-    {QORCFG_ERR_ITEM, "item not found"},
-    {QORCFG_ERR_TOOLONG, "value too long"},
-    {QORCFG_ERR_NOTEXT, "nothing to write"},
-    {QORCFG_ERR_OPEN, "file cannot be opened"},
-    {QORCFG_ERR_TARGET, "forbidden character or job not started"},
-    {QORCFG_ERR_PRODUCT, "unknown product ID"},
-    {QORCFG_ERR_LOCK, "lock cannot be taken"},
-    {QORCFG_ERR_MISSING, "file, key or value missing"},
-    {QORCFG_ERR_INVALID, "value rejected"},
-    {QORCFG_ERR_PENDING, "another change set is pending"},
-    {QORCFG_ERR_MAX, "index at or beyond the maximum"},
-    {QORCFG_ERR_REBOOT, "a radio change needs a reboot"},
-    {QORCFG_ERR_DAEMON, "daemon transport failure"},
-    {QORCFG_ERR_DAEMON_SOCKET, "daemon socket cannot be created"},
-    {QORCFG_ERR_DAEMON_CONNECT, "daemon not reachable"},
-    {QORCFG_ERR_DAEMON_SEND, "daemon request not sent"},
-    {QORCFG_ERR_DAEMON_RECV, "daemon reply not received"},
-};
-
-const char *code_words(int code) {
-    for (const CodeWords &c : kCodeWords) {
-        if (c.code == code)
-            return c.words;
-    }
-    return "failure";
-}
-
 int exit_status(int code) {
     if (code == QORCFG_OK)
         return 0;
@@ -134,7 +98,8 @@ int exit_status(int code) {
 
 // Reports a failed lookup; returns the exit status.
 int fail(const std::string &what, int code) {
-    std::fprintf(stderr, "qorcfg: %s: %s (%d)\n", what.c_str(), code_words(code), code);
+    std::fprintf(stderr, "qorcfg: %s: %s (%d)\n", what.c_str(), qorcfg::common::code_words(code),
+                 code);
     return exit_status(code);
 }
 
@@ -378,12 +343,12 @@ qorcfg::os::Runner g_offline;
 // directory.
 bool use_root(const std::string &dir) {
     std::string socket, error;
-    if (!qorcfg::offline::use_root(dir, g_offline, socket, error))
+    if (!qorcfg::common::use_root(dir, g_offline, socket, error))
         return false;
     // No daemon can listen on a socket path longer than a socket address
     // holds, so lookups go to the files straight away (and a cut path can
     // never reach some other socket).
-    if (!qorcfg::offline::fits_socket_address(socket))
+    if (!qorcfg::common::fits_socket_address(socket))
         set_all_net_qorcfg_mode(0);
     return true;
 }
@@ -439,7 +404,8 @@ int main(int argc, char **argv) {
     try {
         status = run(argc, argv);
     } catch (const std::bad_alloc &) {
-        std::fprintf(stderr, "qorcfg: %s (%d)\n", code_words(QORCFG_ERR_NOMEM), QORCFG_ERR_NOMEM);
+        std::fprintf(stderr, "qorcfg: %s (%d)\n", qorcfg::common::code_words(QORCFG_ERR_NOMEM),
+                     QORCFG_ERR_NOMEM);
         status = exit_status(QORCFG_ERR_NOMEM);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "qorcfg: %s\n", e.what());
@@ -448,7 +414,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "qorcfg: unexpected failure\n");
         status = 1;
     }
-    qorcfg::offline::report("qorcfg", g_offline);
+    qorcfg::common::report("qorcfg", g_offline);
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
         std::fprintf(stderr, "qorcfg: standard output: %s\n", std::strerror(errno));
         if (status == 0)

@@ -1,5 +1,5 @@
-// tools/offline.cpp - see offline.h.
-#include "tools/offline.h"
+// common/offline.cpp - see offline.h.
+#include "common/offline.h"
 
 #include <sys/un.h>
 
@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <system_error>
 
-namespace qorcfg::offline {
+namespace qorcfg::common {
 
 bool use_root(const std::string &dir, os::Runner &runner, std::string &socket, std::string &error) {
     namespace fs = std::filesystem;
@@ -43,4 +43,4 @@ void report(const char *program, const os::Runner &runner) {
                      static_cast<int>(s.pid));
 }
 
-}  // namespace qorcfg::offline
+}  // namespace qorcfg::common

@@ -1,4 +1,4 @@
-// tools/offline.h - running a tool on an unpacked device root instead of the
+// common/offline.h - running a tool on an unpacked device root instead of the
 // device: the OS seam is pointed below the root, and the commands and
 // signals the library would send are recorded, then reported, never run.
 #pragma once
@@ -7,7 +7,7 @@
 
 #include "os/os.h"
 
-namespace qorcfg::offline {
+namespace qorcfg::common {
 
 // Points the OS seam at the device root `dir` (made absolute, without a
 // trailing '/') with `runner` recording what the library would run or
@@ -24,4 +24,4 @@ bool fits_socket_address(const std::string &path);
 // sent offline: ...", everything `runner` recorded.
 void report(const char *program, const os::Runner &runner);
 
-}  // namespace qorcfg::offline
+}  // namespace qorcfg::common
