@@ -76,8 +76,8 @@ std::string collect_queries(Sample &s, std::uint32_t seed, std::size_t count, bo
         // Group names "0" and "0x0" read the root's identity instead.
         if (row->name == nullptr || row->path == nullptr || std::strcmp(row->name, "0") == 0 ||
             std::strcmp(row->name, "0x0") == 0 ||
-            qorcfg::scan_group_by_gid(group_table, row->gid) != row ||
-            (unique_names && qorcfg::scan_group_by_name(group_table, row->name) != row)) {
+            qorcfg::store::scan_group_by_gid(group_table, row->gid) != row ||
+            (unique_names && qorcfg::store::scan_group_by_name(group_table, row->name) != row)) {
             continue;
         }
         Group g{row->gid, row->name, row->path, {}, {}};

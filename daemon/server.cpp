@@ -147,14 +147,8 @@ std::string item_reply(int result, const char *item, const char *value) {
     return std::move(reply).finish();
 }
 
-// Frees an attribute list when it goes out of scope.
-struct AttrList {
-    qorcfg_attr *first;
-    ~AttrList() { free_attr_list(first); }
-};
-
 std::string list_reply(qorcfg_attr *list) {
-    AttrList owner{list};
+    store::AttrList owner(list);
     ReplyBuilder reply(0);
     for (const qorcfg_attr *a = list; a != nullptr; a = a->next) {
         if (!reply.add(attribute_records(a->name, a->value, a->index)))
@@ -181,14 +175,14 @@ bool terminated(const char (&field)[N]) {
 // the answer is QORCFG_ERR_DAEMON and the client reads the file itself.
 int item_by_path(const char *file, const char *path, const char *item, char *value) {
     value[0] = '\0';
-    const int held = lock_qorcfg(file_kind(file), LOCK_SH | LOCK_NB);
-    if (held < 0)
+    store::HeldLock held(store::file_kind(file), LOCK_SH | LOCK_NB);
+    if (!held.held())
         return QORCFG_ERR_DAEMON;
     std::string group_path = std::string("qorconfig.") + path;
     if (group_path.size() > 128)
         group_path.resize(128);
     ezxml_node *root = init_sub_qorcfg_direct(group_path.c_str(), 0, file);
-    unlock_qorcfg(held);
+    held.release();
     if (root == nullptr)
         return -1;
     qorcfg_handle sub;

@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         std::memcpy(buf, data, size);
     bool more = false;
     int result = 0;
-    qorcfg::ReplyChunk chunk = qorcfg::decode_chunk(buf, size, &more, &result);
+    qorcfg::store::ReplyChunk chunk = qorcfg::store::decode_chunk(buf, size, &more, &result);
     for (qorcfg_attr *a = chunk.first; a != nullptr; a = a->next) {
         if (a->name != nullptr)
             (void)std::strlen(a->name);

@@ -9,7 +9,7 @@
 #include "store/print.h"
 #include "store/store.h"
 
-namespace qorcfg {
+namespace qorcfg::store {
 namespace {
 
 // A text joined from pieces, allocated; NULL when memory runs out.
@@ -208,9 +208,10 @@ bool holds_subtree(qorcfg_handle *handle, const qorcfg_group *row) {
 
 }  // namespace
 
-}  // namespace qorcfg
+}  // namespace qorcfg::store
 
 using namespace qorcfg;
+using namespace qorcfg::store;
 
 extern "C" {
 

@@ -14,10 +14,11 @@
 #include <string>
 
 #include "os/os.h"
+#include "os/owners.h"
 #include "store/store.h"
 #include "store/wire.h"
 
-namespace qorcfg {
+namespace qorcfg::store {
 namespace {
 
 using namespace wire;
@@ -95,9 +96,10 @@ ReplyChunk decode_chunk(unsigned char *buf, size_t n, bool *more, int *result) {
     return out;
 }
 
-}  // namespace qorcfg
+}  // namespace qorcfg::store
 
 using namespace qorcfg;
+using namespace qorcfg::store;
 
 namespace {
 
@@ -140,8 +142,8 @@ extern "C" {
 QORCFG_API int get_attr_from_daemon(qorcfg_daemon_request request, qorcfg_attr **list) {
     if (list != nullptr)
         *list = nullptr;
-    int fd = os::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    os::Fd fd(os::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd)
         return QORCFG_ERR_DAEMON_SOCKET;
     sockaddr_un addr;
     std::memset(&addr, 0, sizeof addr);
@@ -152,56 +154,39 @@ QORCFG_API int get_attr_from_daemon(qorcfg_daemon_request request, qorcfg_attr *
     size_t len = path.size();
     if (len < sizeof addr.sun_path)
         std::memcpy(addr.sun_path, path.data(), len);
-    if (len >= sizeof addr.sun_path || os::connect(fd, reinterpret_cast<sockaddr *>(&addr),
-                                                   static_cast<socklen_t>(len + 2)) != 0) {
-        os::close(fd);
+    if (len >= sizeof addr.sun_path || os::connect(fd.get(), reinterpret_cast<sockaddr *>(&addr),
+                                                   static_cast<socklen_t>(len + 2)) != 0)
         return QORCFG_ERR_DAEMON_CONNECT;
-    }
     // A daemon that closes before reading must give -10004, not SIGPIPE.
-    if (os::send(fd, &request, QORCFG_REQUEST_SENT, MSG_NOSIGNAL) == -1) {
-        os::close(fd);
+    if (os::send(fd.get(), &request, QORCFG_REQUEST_SENT, MSG_NOSIGNAL) == -1)
         return QORCFG_ERR_DAEMON_SEND;
-    }
-    auto *buf = static_cast<unsigned char *>(os::calloc(wire::kChunkSize, 1));
-    if (buf == nullptr) {
-        os::close(fd);
+    os::Memory<unsigned char> buf(static_cast<unsigned char *>(os::calloc(wire::kChunkSize, 1)));
+    if (!buf)
         return QORCFG_ERR_DAEMON_RECV;
-    }
-    qorcfg_attr *first = nullptr;
+    AttrList gathered;
     qorcfg_attr *last = nullptr;
-    int result = 0;
+    int result = QORCFG_OK;
     bool more = false;
     do {
-        ssize_t n = os::recv(fd, buf, wire::kChunkSize, 0);
-        if (n < 0) {
-            free_attr_list(first);
-            std::free(buf);
-            os::close(fd);
-            return QORCFG_ERR_DAEMON_RECV;
-        }
-        if (n == 0) {
-            more = false;  // the peer closed
-            break;
-        }
-        Chunk chunk = decode_chunk(buf, static_cast<size_t>(n), &more, &result);
+        ssize_t n = os::recv(fd.get(), buf.get(), wire::kChunkSize, 0);
+        if (n < 0)
+            return QORCFG_ERR_DAEMON_RECV;  // what was decoded is dropped
+        if (n == 0)
+            break;  // the peer closed: the reply is complete
+        Chunk chunk = decode_chunk(buf.get(), static_cast<size_t>(n), &more, &result);
         if (chunk.first == nullptr) {
             // A chunk without records drops everything gathered so far.
-            free_attr_list(first);
-            first = last = nullptr;
+            gathered.reset();
             break;
         }
         if (last != nullptr)
             last->next = chunk.first;
         else
-            first = chunk.first;
+            gathered.reset(chunk.first);
         last = chunk.last;
     } while (more);
-    std::free(buf);
-    os::close(fd);
     if (list != nullptr)
-        *list = first;
-    else
-        free_attr_list(first);
+        *list = gathered.release();
     return result;
 }
 
@@ -233,7 +218,7 @@ QORCFG_API int get_cfg_item_by_all_args_daemon(const char *file, int32_t gid, co
 
 }  // extern "C"
 
-namespace qorcfg {
+namespace qorcfg::store {
 
 // Attribute list by group ID: code 5 with the sub-path, code 2 without.
 qorcfg_attr *attr_list_by_gid_daemon(const char *file, uint32_t gid, const char *sub, int *code) {
@@ -261,4 +246,4 @@ qorcfg_attr *attr_list_by_name_daemon(const char *file, const char *name, const 
     return list;
 }
 
-}  // namespace qorcfg
+}  // namespace qorcfg::store

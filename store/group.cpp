@@ -25,7 +25,7 @@
 #include "os/os.h"
 #include "store/platform.h"
 
-namespace qorcfg {
+namespace qorcfg::store {
 namespace {
 
 // The row's text has the bytes of `text` (`len` of them, no zero among
@@ -217,9 +217,10 @@ qorcfg_group *scan_group_by_path(qorcfg_group *table, const char *path) {
     return scan_text(table, path, &qorcfg_group::path);
 }
 
-}  // namespace qorcfg
+}  // namespace qorcfg::store
 
 using namespace qorcfg;
+using namespace qorcfg::store;
 
 extern "C" {
 

@@ -5,7 +5,7 @@
 
 #include "qorcfg.h"
 
-namespace qorcfg {
+namespace qorcfg::store {
 
 // Linear scans of `table` (rows up to the one whose gid is 0), first match
 // winning; texts match when they have the same length and bytes. The
@@ -14,4 +14,4 @@ qorcfg_group *scan_group_by_gid(qorcfg_group *table, uint32_t gid);
 qorcfg_group *scan_group_by_name(qorcfg_group *table, const char *name);
 qorcfg_group *scan_group_by_path(qorcfg_group *table, const char *path);
 
-}  // namespace qorcfg
+}  // namespace qorcfg::store

@@ -15,11 +15,12 @@
 #include <cstring>
 
 #include "os/os.h"
+#include "os/owners.h"
 #include "store/platform.h"
 #include "store/print.h"
 #include "store/store.h"
 
-namespace qorcfg {
+namespace qorcfg::store {
 namespace {
 
 // Network mode of slot 0 (working copy) and slot 1 (current
@@ -30,22 +31,30 @@ constexpr size_t kLine = 256;
 
 const char *lock_file(int kind) {
     switch (kind) {
-        case 1:
+        case kRamFile:
             return "/var/lock/qorcfg_ram";
-        case 2:
+        case kRomFile:
             return "/var/lock/qorcfg_rom";
-        case 3:
+        case kBackupFile:
             return "/var/lock/qorcfg_backup";
-        case 4:
+        case kRestoredFile:
             return "/var/lock/qorcfg_restored";
-        case 5:
+        case kCurrentFile:
             return "/var/lock/qorcfg_current";
-        case 6:
+        case kAccessLock:
             return "/var/lock/access_lock";
         default:
             return "/var/lock/default_lock";
     }
 }
+
+// The daemons that re-read the configuration on SIGUSR2, by pid file.
+constexpr const char *kDaemonPidFiles[] = {"/var/run/read_qorcfgd.pid", "/var/run/snmpd.pid",
+                                           "/var/run/qorsic.pid"};
+
+// The sources of a factory reset, the customer's first.
+constexpr const char *kCustomDefaults = "/conf/customize/config-backup.conf";
+constexpr const char *kFactoryDefaults = "/etc/default-config.xml";
 
 bool empty(const char *s) {
     return s == nullptr || s[0] == '\0';
@@ -73,19 +82,18 @@ qorcfg_handle *new_net_handle(int slot, const char *path) {
     return cell;
 }
 
-// Parses a whole stream under the lock of `kind` (shared). NULL when the
-// lock cannot be taken or the file not opened.
-ezxml_node *parse_locked(const char *path, int kind, const char *prefix) {
-    int lock = lock_shared(kind);
-    if (lock < 0)
+// Parses a whole stream (or, with `prefix`, one group's element of it)
+// under the shared lock of `kind`. NULL when the lock cannot be taken or
+// the file not opened.
+ezxml_node *parse_locked(const char *path, Kind kind, const char *prefix) {
+    HeldLock lock(kind, LOCK_SH);
+    if (!lock.held())
         return nullptr;
-    ezxml_node *root = nullptr;
-    if (std::FILE *fp = os::fopen(path, "r")) {
-        root = prefix != nullptr ? ezxml_parse_fp_by_prefix(fp, prefix) : ezxml_parse_fp(fp);
-        std::fclose(fp);
-    }
-    unlock_qorcfg(lock);
-    return root;
+    os::File fp(os::fopen(path, "r"));
+    if (!fp)
+        return nullptr;
+    return prefix != nullptr ? ezxml_parse_fp_by_prefix(fp.get(), prefix)
+                             : ezxml_parse_fp(fp.get());
 }
 
 // Copies `from` to `to` in lines of at most 256 bytes.
@@ -110,66 +118,57 @@ void adopt(qorcfg_handle *handle, qorcfg_net_record *record, qorcfg_handle *open
 
 }  // namespace
 
-int file_kind(const char *path) {
+Kind file_kind(const char *path) {
     if (empty(path))
-        return 0;
+        return kOtherFile;
     if (std::strcmp(path, restored_cfg_file) == 0)
-        return 4;
+        return kRestoredFile;
     if (std::strcmp(path, config_rom) == 0)
-        return 2;
+        return kRomFile;
     if (std::strcmp(path, config_ram) == 0)
-        return 1;
+        return kRamFile;
     if (std::strcmp(path, backup_cfg_file) == 0)
-        return 3;
+        return kBackupFile;
     if (std::strcmp(path, current_config) == 0)
-        return 5;
-    return 0;
+        return kCurrentFile;
+    return kOtherFile;
 }
 
 int prepare_ram() {
     if (os::access(config_ram, F_OK) == 0)
-        return 0;
-    int rom_lock = lock_shared(2);
-    if (rom_lock < 0)
-        return -1;
-    std::FILE *rom = os::fopen(config_rom, "r");
-    if (rom == nullptr) {
-        unlock_qorcfg(rom_lock);
-        return -1;
-    }
-    int ram_lock = lock_exclusive(1);
-    if (ram_lock < 0) {
-        std::fclose(rom);
-        unlock_qorcfg(rom_lock);
-        return -1;
-    }
-    std::FILE *ram = os::fopen(config_ram, "w");
-    if (ram == nullptr) {
-        std::fclose(rom);
-        unlock_qorcfg(ram_lock);
-        unlock_qorcfg(rom_lock);
-        return -1;
-    }
+        return QORCFG_OK;
+    // The flash copy's lock before the working copy's, and released first.
+    HeldLock rom_lock(kRomFile, LOCK_SH);
+    if (!rom_lock.held())
+        return QORCFG_ERR_FAIL;
+    os::File rom(os::fopen(config_rom, "r"));
+    if (!rom)
+        return QORCFG_ERR_FAIL;
+    HeldLock ram_lock(kRamFile, LOCK_EX);
+    if (!ram_lock.held())
+        return QORCFG_ERR_FAIL;
+    os::File ram(os::fopen(config_ram, "w"));
+    if (!ram)
+        return QORCFG_ERR_FAIL;
     char line[kLine] = "";
-    if (std::fgets(line, sizeof line, rom) == nullptr ||
+    if (std::fgets(line, sizeof line, rom.get()) == nullptr ||
         std::strstr(line, "<qorconfig") == nullptr) {
         qorcfg_print("No config in flash, reset to default\n");
         // The working copy stays truncated until the reset removes it.
-        std::fclose(rom);
-        std::fclose(ram);
-        unlock_qorcfg(ram_lock);
-        unlock_qorcfg(rom_lock);
+        rom.reset();
+        ram.reset();
+        ram_lock.release();
+        rom_lock.release();
         reset_qorcfg();
-        return -1;
+        return QORCFG_ERR_FAIL;
     }
-    std::fputs(line, ram);
-    copy_lines(rom, ram);
-    std::fclose(rom);
-    unlock_qorcfg(rom_lock);
-    std::fflush(ram);
-    std::fclose(ram);
-    unlock_qorcfg(ram_lock);
-    return 0;
+    std::fputs(line, ram.get());
+    copy_lines(rom.get(), ram.get());
+    rom.reset();
+    rom_lock.release();
+    std::fflush(ram.get());
+    ram.reset();
+    return QORCFG_OK;
 }
 
 bool is_net(const qorcfg_handle *handle) {
@@ -219,27 +218,26 @@ ezxml_node *tree_of(qorcfg_handle *handle) {
 }
 
 void signal_daemon(const char *pid_file) {
-    std::FILE *f = os::fopen(pid_file, "r");
-    if (f == nullptr)
+    os::File f(os::fopen(pid_file, "r"));
+    if (!f)
         return;
     char line[kLine] = "";
-    if (std::fgets(line, sizeof line, f) == nullptr)
+    if (std::fgets(line, sizeof line, f.get()) == nullptr)
         line[0] = '\0';
-    std::fclose(f);
     int pid = std::atoi(line);
     if (pid >= 2)
         os::kill(pid, SIGUSR2);
 }
 
 void signal_daemons() {
-    signal_daemon("/var/run/read_qorcfgd.pid");
-    signal_daemon("/var/run/snmpd.pid");
-    signal_daemon("/var/run/qorsic.pid");
+    for (const char *pid_file : kDaemonPidFiles)
+        signal_daemon(pid_file);
 }
 
-}  // namespace qorcfg
+}  // namespace qorcfg::store
 
 using namespace qorcfg;
+using namespace qorcfg::store;
 
 extern "C" {
 
@@ -248,14 +246,12 @@ QORCFG_API qorcfg_handle *shared_qorcfg[2] = {nullptr, nullptr};
 QORCFG_API int lock_qorcfg(int kind, int operation) {
     // Not inherited by the commands the library starts: a background
     // script must not keep a lock after it is released.
-    int fd = os::open(lock_file(kind), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return -7;
-    if (os::flock(fd, operation) != 0) {
-        os::close(fd);
-        return -10;
-    }
-    return fd;
+    os::Fd fd(os::open(lock_file(kind), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd)
+        return QORCFG_ERR_OPEN;
+    if (os::flock(fd.get(), operation) != 0)
+        return QORCFG_ERR_LOCK;
+    return fd.release();
 }
 
 QORCFG_API int unlock_qorcfg(int fd) {
@@ -264,9 +260,9 @@ QORCFG_API int unlock_qorcfg(int fd) {
 }
 
 QORCFG_API ezxml_node *init_qorcfg_direct(void) {
-    if (prepare_ram() != 0)
+    if (prepare_ram() != QORCFG_OK)
         return nullptr;
-    return parse_locked(config_ram, 1, nullptr);
+    return parse_locked(config_ram, kRamFile, nullptr);
 }
 
 QORCFG_API qorcfg_handle *init_qorcfg(void) {
@@ -295,11 +291,11 @@ namespace {
 // (NULL when it returns none).
 template <typename Parse>
 qorcfg_handle *open_file_handle(const char *path, Parse parse) {
-    int kind = file_kind(path);
-    if (kind == 1 || kind == 5) {
-        int slot = kind == 1 ? 0 : 1;
+    const Kind kind = file_kind(path);
+    if (kind == kRamFile || kind == kCurrentFile) {
+        const int slot = kind == kRamFile ? 0 : 1;
         if (g_net_mode[slot] == 1)
-            return new_net_handle(slot, kind == 1 ? config_ram : current_config);
+            return new_net_handle(slot, kind == kRamFile ? config_ram : current_config);
         if (qorcfg_handle *shared = get_shared_qorcfg(slot))
             return shared;
     }
@@ -321,7 +317,7 @@ extern "C" {
 QORCFG_API ezxml_node *init_qorcfg_f_direct(const char *path) {
     if (empty(path))
         path = config_rom;
-    if (std::strcmp(path, config_ram) == 0 && prepare_ram() != 0)
+    if (std::strcmp(path, config_ram) == 0 && prepare_ram() != QORCFG_OK)
         return nullptr;
     return parse_locked(path, file_kind(path), nullptr);
 }
@@ -346,9 +342,9 @@ QORCFG_API ezxml_node *init_sub_qorcfg_direct(const char *group, uint32_t gid, c
             file = config_rom;
         return parse_locked(file, file_kind(file), row->path);
     }
-    if (prepare_ram() != 0)
+    if (prepare_ram() != QORCFG_OK)
         return nullptr;
-    return parse_locked(config_ram, 1, row->path);
+    return parse_locked(config_ram, kRamFile, row->path);
 }
 
 QORCFG_API qorcfg_handle *init_sub_qorcfg(const char *group, uint32_t gid, const char *file) {
@@ -360,26 +356,26 @@ QORCFG_API qorcfg_handle *init_sub_qorcfg(const char *group, uint32_t gid, const
 
 QORCFG_API int close_qorcfg(qorcfg_handle *handle) {
     if (handle == nullptr)
-        return -2;
+        return QORCFG_ERR_NOMEM;  // the code a null handle gives here
     if (handle == shared_qorcfg[0] || handle == shared_qorcfg[1])
-        return 0;  // a registered handle stays, in network mode too
+        return QORCFG_OK;  // a registered handle stays, in network mode too
     if (is_net(handle)) {
         std::free(handle->net);
         std::free(handle);
-        return 0;
+        return QORCFG_OK;
     }
     for (int slot = 0; slot < 2; ++slot) {
         qorcfg_handle *shared = get_shared_qorcfg(slot);
         if (shared == handle)
-            return 0;  // the registered handle itself stays
+            return QORCFG_OK;  // the registered handle itself stays
         if (shared != nullptr && shared->xml == handle->xml) {
             std::free(handle);  // a cell on the shared document
-            return 0;
+            return QORCFG_OK;
         }
     }
     ezxml_free(handle->xml);
     std::free(handle);
-    return 0;
+    return QORCFG_OK;
 }
 
 QORCFG_API int set_shared_qorcfg(qorcfg_handle *handle, int slot) {
@@ -387,7 +383,7 @@ QORCFG_API int set_shared_qorcfg(qorcfg_handle *handle, int slot) {
         shared_qorcfg[slot] = handle;
     if (handle == nullptr)
         g_net_mode[0] = g_net_mode[1] = 1;
-    return 0;
+    return QORCFG_OK;
 }
 
 QORCFG_API qorcfg_handle *get_shared_qorcfg(int slot) {
@@ -412,13 +408,13 @@ QORCFG_API int get_net_qorcfg(int slot) {
 QORCFG_API int set_net_qorcfg_mode(int slot, int mode) {
     if ((slot == 0 || slot == 1) && (mode == 0 || mode == 1))
         g_net_mode[slot] = mode;
-    return 0;
+    return QORCFG_OK;
 }
 
 QORCFG_API int set_all_net_qorcfg_mode(int mode) {
     for (int slot = 0; slot < 4; ++slot)  // only slots 0 and 1 exist
         set_net_qorcfg_mode(slot, mode);
-    return 0;
+    return QORCFG_OK;
 }
 
 QORCFG_API int is_net_cfg(qorcfg_handle *handle) {
@@ -426,45 +422,36 @@ QORCFG_API int is_net_cfg(qorcfg_handle *handle) {
 }
 
 QORCFG_API int reset_qorcfg(void) {
-    const char *source = os::access("/conf/customize/config-backup.conf", F_OK) == 0
-                             ? "/conf/customize/config-backup.conf"
-                             : "/etc/default-config.xml";
-    std::FILE *from = os::fopen(source, "r");
-    if (from == nullptr)
-        return -7;
-    int rom_lock = lock_exclusive(2);
-    if (rom_lock < 0) {
-        std::fclose(from);
-        return rom_lock;
+    const char *source =
+        os::access(kCustomDefaults, F_OK) == 0 ? kCustomDefaults : kFactoryDefaults;
+    os::File from(os::fopen(source, "r"));
+    if (!from)
+        return QORCFG_ERR_OPEN;
+    HeldLock rom_lock(kRomFile, LOCK_EX);
+    if (!rom_lock.held())
+        return rom_lock.code();
+    {
+        os::File rom(os::fopen(config_rom, "w"));
+        if (!rom)
+            return QORCFG_ERR_OPEN;
+        copy_lines(from.get(), rom.get());
+        std::fflush(rom.get());
     }
-    std::FILE *rom = os::fopen(config_rom, "w");
-    if (rom == nullptr) {
-        std::fclose(from);
-        unlock_qorcfg(rom_lock);
-        return -7;
-    }
-    copy_lines(from, rom);
-    std::fflush(rom);
-    std::fclose(rom);
-    std::fclose(from);
-    std::FILE *check = os::fopen(config_rom, "r");
-    if (check == nullptr) {
-        unlock_qorcfg(rom_lock);
-        return -7;
-    }
-    std::fclose(check);
-    unlock_qorcfg(rom_lock);
+    from.reset();
+    if (!os::File(os::fopen(config_rom, "r")))
+        return QORCFG_ERR_OPEN;
+    rom_lock.release();
 
-    int ram_lock = lock_exclusive(1);
-    if (ram_lock < 0)
-        return ram_lock;
+    HeldLock ram_lock(kRamFile, LOCK_EX);
+    if (!ram_lock.held())
+        return ram_lock.code();
     char line[kLine];
     std::snprintf(line, sizeof line, "/bin/rm -f %s", config_ram);
     qor_system(line);
-    unlock_qorcfg(ram_lock);
+    ram_lock.release();
     // The working copy is made from the new flash copy by the next open.
     signal_daemons();
-    return 0;
+    return QORCFG_OK;
 }
 
 }  // extern "C"

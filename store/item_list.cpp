@@ -105,7 +105,7 @@ QORCFG_API int free_item_list(qorcfg_item *list) {
         std::free(list);
         list = next;
     }
-    return 0;
+    return QORCFG_OK;
 }
 
 }  // extern "C"

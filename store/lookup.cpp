@@ -15,7 +15,7 @@
 #include "store/print.h"
 #include "store/store.h"
 
-namespace qorcfg {
+namespace qorcfg::store {
 namespace {
 
 // The value of the handle's root element's attribute number `which`
@@ -23,14 +23,14 @@ namespace {
 int root_identity(qorcfg_handle *handle, int which, char *value) {
     ezxml_node *root = tree_of(handle);
     if (root == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     if (value == nullptr)
-        return -4;
+        return QORCFG_ERR_ITEM;
     char **attr = root->attr;
     if (attr[0] == nullptr || (which == 1 && attr[2] == nullptr))
-        return -4;
+        return QORCFG_ERR_ITEM;
     copy_value(value, attr[2 * which + 1]);
-    return 0;
+    return QORCFG_OK;
 }
 
 const char *text(const char *s) {
@@ -46,7 +46,7 @@ int identity_item(qorcfg_handle *handle, const char *item, char *value, const ch
         return root_identity(handle, 0, value);
     if (item != nullptr && std::strcmp(item, second) == 0)
         return root_identity(handle, 1, value);
-    return -4;
+    return QORCFG_ERR_ITEM;
 }
 
 // The core read of `item` in the element of the group `row`; a failure is
@@ -61,9 +61,10 @@ int read_in_group(qorcfg_handle *handle, const qorcfg_group *row, const char *it
 }
 
 }  // namespace
-}  // namespace qorcfg
+}  // namespace qorcfg::store
 
 using namespace qorcfg;
+using namespace qorcfg::store;
 
 extern "C" {
 
@@ -72,11 +73,11 @@ QORCFG_API int get_cfg_item_by_prefix_direct(qorcfg_handle *handle, const char *
     if (value != nullptr)
         value[0] = '\0';
     if (handle == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     if (prefix == nullptr)
-        return -3;
+        return QORCFG_ERR_GROUP;
     if (item == nullptr || value == nullptr)
-        return -4;
+        return QORCFG_ERR_ITEM;
     // A group name stands for its path; any other prefix is a path itself.
     if (std::strcmp(prefix, "qorconfig") != 0) {
         if (const qorcfg_group *row = group_by_name(prefix))
@@ -87,7 +88,7 @@ QORCFG_API int get_cfg_item_by_prefix_direct(qorcfg_handle *handle, const char *
     auto *full = static_cast<char *>(os::malloc(plen + ilen + 2));
     if (full == nullptr) {
         qorcfg_print("%s>full_item_name malloc error\n", __func__);
-        return -2;
+        return QORCFG_ERR_NOMEM;
     }
     std::memcpy(full, prefix, plen);
     full[plen] = '.';
@@ -101,13 +102,13 @@ QORCFG_API int get_cfg_item_by_prefix_direct(qorcfg_handle *handle, const char *
     ezxml_node *node = find_path(handle, full);
     if (node == nullptr) {
         qorcfg_print("%s>Can't find node=%s\n", __func__, full);
-        result = -1;
+        result = QORCFG_ERR_FAIL;
     } else if (const char *found = ezxml_attr(node, attr_name)) {
         copy_value(value, found);
         result = 0;
     } else {
         qorcfg_print("%s>Can't find the item_name=%s.%s\n", __func__, full, attr_name);
-        result = -4;
+        result = QORCFG_ERR_ITEM;
     }
     std::free(full);
     return result;
@@ -118,13 +119,13 @@ QORCFG_API int get_cfg_item_direct(qorcfg_handle *handle, uint32_t gid, const ch
     if (value != nullptr)
         value[0] = '\0';
     if (handle == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     if (gid == 0)  // the configuration's identity: its version, then its device type
         return identity_item(handle, item, value, "version", "devtype");
     const qorcfg_group *row = group_by_gid(gid);
     if (row == nullptr) {
         qorcfg_print("%s>Can't find group ID=%d\n", __func__, static_cast<int>(gid));
-        return -3;
+        return QORCFG_ERR_GROUP;
     }
     return read_in_group(handle, row, item, value, __func__);
 }
@@ -134,7 +135,7 @@ QORCFG_API int get_cfg_item_by_str_direct(qorcfg_handle *handle, const char *gro
     if (value != nullptr)
         value[0] = '\0';
     if (handle == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     if (group != nullptr && (std::strcmp(group, "0") == 0 || std::strcmp(group, "0x0") == 0)) {
         // By name the identity reads the other way round ("devtype" is the
         // root's first attribute); kept so, callers depend on it.
@@ -143,7 +144,7 @@ QORCFG_API int get_cfg_item_by_str_direct(qorcfg_handle *handle, const char *gro
     const qorcfg_group *row = group_by_name(group);
     if (row == nullptr) {
         qorcfg_print("%s>Can't find group name=%s\n", __func__, text(group));
-        return -3;
+        return QORCFG_ERR_GROUP;
     }
     return read_in_group(handle, row, item, value, __func__);
 }
@@ -152,7 +153,7 @@ QORCFG_API int get_cfg_item(qorcfg_handle *handle, uint32_t gid, const char *ite
     if (value != nullptr)
         value[0] = '\0';
     if (handle == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     if (qorcfg_net_record *record = net_record(handle)) {
         int result = get_cfg_item_daemon(record->path, gid, item, value);
         if (!is_transport_failure(result))
@@ -160,14 +161,14 @@ QORCFG_API int get_cfg_item(qorcfg_handle *handle, uint32_t gid, const char *ite
         refresh(handle);
     }
     if (tree_of(handle) == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     return get_cfg_item_direct(handle, gid, item, value);
 }
 
 QORCFG_API int get_cfg_item_by_str(qorcfg_handle *handle, const char *group, const char *item,
                                    char *value) {
     if (handle == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     if (qorcfg_net_record *record = net_record(handle)) {
         int result = get_cfg_item_by_str_daemon(record->path, group, item, value);
         if (!is_transport_failure(result))
@@ -175,7 +176,7 @@ QORCFG_API int get_cfg_item_by_str(qorcfg_handle *handle, const char *group, con
         refresh(handle);
     }
     if (tree_of(handle) == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     return get_cfg_item_by_str_direct(handle, group, item, value);
 }
 
@@ -183,7 +184,7 @@ QORCFG_API int get_cfg_item_s(qorcfg_handle *handle, uint32_t gid, const char *i
     if (value != nullptr)
         value[0] = '\0';
     if (handle == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     if (qorcfg_net_record *record = net_record(handle)) {
         int result = get_cfg_item_daemon(record->path, gid, item, value);
         if (!is_transport_failure(result))
@@ -191,23 +192,23 @@ QORCFG_API int get_cfg_item_s(qorcfg_handle *handle, uint32_t gid, const char *i
         refresh_sub(handle, nullptr, gid);
     }
     if (is_net(handle) || handle->xml == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     ezxml_node *root = handle->xml;
     QORCFG_DEBUG("daemon error\n");
     const char *found = item != nullptr ? ezxml_attr(root, item) : nullptr;
     if (found == nullptr || value == nullptr) {
         qorcfg_print("%s>Can't find the gid=%d item_name=%s\n", __func__, static_cast<int>(gid),
                      text(item));
-        return -4;
+        return QORCFG_ERR_ITEM;
     }
     copy_value(value, found);
-    return 0;
+    return QORCFG_OK;
 }
 
 QORCFG_API int get_cfg_item_by_str_s(qorcfg_handle *handle, const char *group, const char *item,
                                      char *value) {
     if (handle == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     if (qorcfg_net_record *record = net_record(handle)) {
         int result = get_cfg_item_by_str_daemon(record->path, group, item, value);
         if (!is_transport_failure(result))
@@ -215,16 +216,16 @@ QORCFG_API int get_cfg_item_by_str_s(qorcfg_handle *handle, const char *group, c
         refresh_sub(handle, group, 0);
     }
     if (is_net(handle) || handle->xml == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     ezxml_node *root = handle->xml;
     QORCFG_DEBUG("daemon error\n");
     const char *found = item != nullptr ? ezxml_attr(root, item) : nullptr;
     if (found == nullptr || value == nullptr) {
         qorcfg_print("%s>Can't find the item_name=%s.%s\n", __func__, text(group), text(item));
-        return -4;
+        return QORCFG_ERR_ITEM;
     }
     copy_value(value, found);
-    return 0;
+    return QORCFG_OK;
 }
 
 }  // extern "C"
@@ -238,7 +239,7 @@ namespace {
 int by_path_s(qorcfg_handle *handle, const char *prefix, const char *group_path, const char *item,
               char *value, const char *traced) {
     if (handle == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     if (qorcfg_net_record *record = net_record(handle)) {
         int result =
             get_cfg_item_by_all_args_daemon(record->path, -1, prefix, group_path, item, value);
@@ -249,9 +250,9 @@ int by_path_s(qorcfg_handle *handle, const char *prefix, const char *group_path,
         refresh_sub(handle, path, 0);
     }
     if (is_net(handle) || handle->xml == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     if (traced != nullptr && enable_qorcfg_debug)
-        qorcfg::debug_line(traced, __LINE__, "daemon error\n");
+        qorcfg::store::debug_line(traced, __LINE__, "daemon error\n");
     return get_cfg_item_by_prefix_direct(handle, handle->xml->name, item, value);
 }
 
@@ -310,14 +311,14 @@ QORCFG_API qorcfg_attr *get_item_by_path(const char *attr, const char *path) {
 
 QORCFG_API int get_cfg_items(qorcfg_handle *handle, qorcfg_item *list) {
     if (handle == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     for (qorcfg_item *node = list; node != nullptr; node = node->next) {
         int result =
             get_cfg_item(handle, static_cast<uint32_t>(node->gid), node->name, node->value);
         if (result != 0)
             return result;
     }
-    return 0;
+    return QORCFG_OK;
 }
 
 QORCFG_API int test_daemon_work(qorcfg_handle *handle, uint32_t gid, const char *item,
@@ -326,7 +327,7 @@ QORCFG_API int test_daemon_work(qorcfg_handle *handle, uint32_t gid, const char 
         value[0] = '\0';
     qorcfg_net_record *record = net_record(handle);
     if (record == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     return get_cfg_item_daemon(record->path, gid, item, value);
 }
 

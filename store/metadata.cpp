@@ -8,7 +8,7 @@
 #include "store/print.h"
 #include "store/store.h"
 
-namespace qorcfg {
+namespace qorcfg::store {
 namespace {
 
 constexpr size_t kFieldSize = 1000;
@@ -43,12 +43,15 @@ const char *attr_of(qorcfg_handle *holder, const char *attr) {
     return node != nullptr && attr != nullptr ? ezxml_attr(node, attr) : nullptr;
 }
 
+// The type of an item whose record names none, or an unknown one.
+constexpr int kNoType = -1;
+
 int type_code(const char *name) {
     for (const qorcfg_type_entry *row = cli_cfg_type_list; row->name != nullptr; ++row) {
         if (std::strcmp(row->name, name) == 0)
             return row->code;
     }
-    return -1;
+    return kNoType;
 }
 
 // Removes every ":" and what follows it up to the next "." (or the end),
@@ -73,14 +76,14 @@ ezxml_node *item_element(qorcfg_handle *handle, const char *item, const char *gr
     const qorcfg_group *row = group_by_name(group);
     if (row == nullptr) {
         qorcfg_print("ERROR: Cannot find group.\n");
-        *code = -3;
+        *code = QORCFG_ERR_GROUP;
         return nullptr;
     }
     size_t plen = std::strlen(row->path);
     size_t ilen = std::strlen(item);
     auto *full = static_cast<char *>(os::malloc(plen + ilen + 2));
     if (full == nullptr) {
-        *code = -2;
+        *code = QORCFG_ERR_NOMEM;
         return nullptr;
     }
     std::memcpy(full, row->path, plen);
@@ -93,22 +96,23 @@ ezxml_node *item_element(qorcfg_handle *handle, const char *item, const char *gr
     if (node == nullptr) {
         qorcfg_print("ERROR: Cannot find NODE.\n");
         std::free(full);
-        *code = -12;
+        *code = QORCFG_ERR_INVALID;
         return nullptr;
     }
     *attr_out = os::strdup(dot + 1);
     std::free(full);
     if (*attr_out == nullptr) {
-        *code = -2;
+        *code = QORCFG_ERR_NOMEM;
         return nullptr;
     }
     return node;
 }
 
 }  // namespace
-}  // namespace qorcfg
+}  // namespace qorcfg::store
 
 using namespace qorcfg;
+using namespace qorcfg::store;
 
 extern "C" {
 
@@ -123,7 +127,7 @@ QORCFG_API char *get_cfg_item_name(qorcfg_handle *holder, const char *attr) {
 QORCFG_API int get_cfg_item_type(qorcfg_handle *holder, const char *attr) {
     char *type = field(attr_of(holder, attr), 2);
     if (type == nullptr)
-        return -1;
+        return kNoType;
     int code = type_code(type);
     std::free(type);
     return code;
@@ -158,11 +162,11 @@ QORCFG_API char *get_cfg_item_rule_by_group_name(qorcfg_handle *handle, const ch
 QORCFG_API int get_cfg_item_type_by_group_name(qorcfg_handle *handle, const char *item,
                                                const char *group) {
     if (handle == nullptr)
-        return -1;
+        return QORCFG_ERR_FAIL;
     if (group == nullptr)
-        return -3;
+        return QORCFG_ERR_GROUP;
     if (item == nullptr)
-        return -4;
+        return QORCFG_ERR_ITEM;
     char *attr = nullptr;
     int code = 0;
     ezxml_node *node = item_element(handle, item, group, &attr, &code);
@@ -172,9 +176,9 @@ QORCFG_API int get_cfg_item_type_by_group_name(qorcfg_handle *handle, const char
     holder.xml = node;
     int type = get_cfg_item_type(&holder, attr);
     std::free(attr);
-    if (type == -1) {
+    if (type == kNoType) {
         qorcfg_print("ERROR: Cannot get type of attribute.\n");
-        return -12;
+        return QORCFG_ERR_INVALID;
     }
     return type;
 }

@@ -8,7 +8,7 @@
 #include "store/print.h"
 #include "store/store.h"
 
-namespace qorcfg {
+namespace qorcfg::store {
 namespace {
 
 // Parses the index of a step "name:N": the digits after the ':' ("" is 0).
@@ -96,9 +96,10 @@ void copy_value(char *value, const char *text) {
     value[n] = '\0';
 }
 
-}  // namespace qorcfg
+}  // namespace qorcfg::store
 
 using namespace qorcfg;
+using namespace qorcfg::store;
 
 extern "C" {
 
@@ -110,7 +111,7 @@ QORCFG_API int free_attr_list(qorcfg_attr *list) {
         std::free(list);
         list = next;
     }
-    return 0;
+    return QORCFG_OK;
 }
 
 QORCFG_API qorcfg_attr *qorcfg_list_all_child(qorcfg_handle *handle) {

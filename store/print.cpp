@@ -42,7 +42,7 @@ QORCFG_API int set_qorcfg_debug(int value) {
 
 }  // extern "C"
 
-namespace qorcfg {
+namespace qorcfg::store {
 
 void forget_print_switch() {
     g_print_switch = -1;
@@ -70,4 +70,4 @@ void debug_line(const char *function, int line, const char *format, ...) {
     va_end(ap);
 }
 
-}  // namespace qorcfg
+}  // namespace qorcfg::store

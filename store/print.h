@@ -3,7 +3,7 @@
 
 #include "qorcfg/store.h"
 
-namespace qorcfg {
+namespace qorcfg::store {
 
 // Writes "<DEBUG:function:line> " and the formatted text to standard error
 // while debugging is switched on (set_qorcfg_debug). Debug lines are an
@@ -15,11 +15,11 @@ void debug_line(const char *function, int line, const char *format, ...) QORCFG_
 // try each setting in a forked child of a process that may have printed.
 void forget_print_switch();
 
-}  // namespace qorcfg
+}  // namespace qorcfg::store
 
 // A debug line naming the calling function and source line.
-#define QORCFG_DEBUG(...)                                          \
-    do {                                                           \
-        if (enable_qorcfg_debug)                                   \
-            ::qorcfg::debug_line(__func__, __LINE__, __VA_ARGS__); \
+#define QORCFG_DEBUG(...)                                                 \
+    do {                                                                  \
+        if (enable_qorcfg_debug)                                          \
+            ::qorcfg::store::debug_line(__func__, __LINE__, __VA_ARGS__); \
     } while (0)

@@ -5,19 +5,55 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "qorcfg.h"
 
-namespace qorcfg {
+namespace qorcfg::store {
 
-// File kind of a configuration file path: 4 restored, 2 flash, 1 working
-// copy, 3 backup, 5 current configuration, 0 anything else (compared
-// exactly, in that order).
-int file_kind(const char *path);
+// The kinds of the configuration files, which are also the kinds of their
+// locks (lock_qorcfg); kAccessLock serialises a whole change or apply.
+enum Kind : int {
+    kOtherFile = 0,  // any other path: "/var/lock/default_lock"
+    kRamFile = 1,    // config_ram, the working copy
+    kRomFile = 2,    // config_rom, the flash copy
+    kBackupFile = 3,
+    kRestoredFile = 4,
+    kCurrentFile = 5,
+    kAccessLock = 6,
+};
+
+// File kind of a configuration file path, compared exactly in this order:
+// restored, flash, working copy, backup, current configuration; any other
+// path (or none) is kOtherFile.
+Kind file_kind(const char *path);
+
+// A lock of a kind, held while the owner lives: lock_qorcfg with the given
+// flock operation, then unlock_qorcfg.
+class HeldLock {
+public:
+    HeldLock(Kind kind, int operation) : fd_(lock_qorcfg(kind, operation)) {}
+    ~HeldLock() { release(); }
+    HeldLock(const HeldLock &) = delete;
+    HeldLock &operator=(const HeldLock &) = delete;
+
+    bool held() const { return fd_ >= 0; }
+    // lock_qorcfg's failure code (QORCFG_ERR_OPEN or QORCFG_ERR_LOCK) when
+    // not held.
+    int code() const { return fd_ < 0 ? fd_ : QORCFG_OK; }
+    void release() {
+        if (fd_ >= 0)
+            unlock_qorcfg(fd_);
+        fd_ = -1;
+    }
+
+private:
+    int fd_;
+};
 
 // Makes the working copy from the flash copy when it does not exist.
-// 0, or -1 (the flash copy unreadable or not a configuration: then the
-// factory defaults are restored).
+// QORCFG_OK, or QORCFG_ERR_FAIL (the flash copy unreadable or not a
+// configuration: then the factory defaults are restored).
 int prepare_ram();
 
 // True for a handle whose content is a network-mode record.
@@ -51,6 +87,12 @@ void signal_daemon(const char *pid_file);
 // NULL), index -1; NULL when memory runs out.
 qorcfg_attr *new_attr(const char *name, const char *value);
 
+// An attribute list, freed (free_attr_list) when the owner goes.
+struct AttrListFree {
+    void operator()(qorcfg_attr *list) const { free_attr_list(list); }
+};
+using AttrList = std::unique_ptr<qorcfg_attr, AttrListFree>;
+
 // Copies at most 255 characters of `text` and a terminating zero into a
 // value buffer.
 void copy_value(char *value, const char *text);
@@ -73,16 +115,7 @@ qorcfg_attr *attr_list_by_name_daemon(const char *file, const char *name, const 
 
 // True for the daemon transport failures (-10001 to -10005).
 inline bool is_transport_failure(int code) {
-    return code <= -10001 && code >= -10005;
+    return code <= QORCFG_ERR_DAEMON && code >= QORCFG_ERR_DAEMON_RECV;
 }
 
-// Locks a file kind (the kind's lock file) for reading or writing; the
-// descriptor, or a negative code. Released with unlock_qorcfg.
-inline int lock_shared(int kind) {
-    return lock_qorcfg(kind, 1 /* LOCK_SH */);
-}
-inline int lock_exclusive(int kind) {
-    return lock_qorcfg(kind, 2 /* LOCK_EX */);
-}
-
-}  // namespace qorcfg
+}  // namespace qorcfg::store

@@ -14,9 +14,9 @@
 
 namespace {
 
-using qorcfg::scan_group_by_gid;
-using qorcfg::scan_group_by_name;
-using qorcfg::scan_group_by_path;
+using qorcfg::store::scan_group_by_gid;
+using qorcfg::store::scan_group_by_name;
+using qorcfg::store::scan_group_by_path;
 
 constexpr size_t kMaxRows = 100000;  // far beyond any device's table
 

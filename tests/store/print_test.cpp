@@ -60,7 +60,7 @@ protected:
     // (other tests of the program run first when it runs as one process), so
     // each child first forgets the decision, as a new process starts.
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "fast"); }
-    static void fresh_process() { qorcfg::forget_print_switch(); }
+    static void fresh_process() { qorcfg::store::forget_print_switch(); }
     void TearDown() override { set_qorcfg_debug(0); }
 
     // Ends a child started by EXPECT_EXIT with status 0 after writing
@@ -212,8 +212,8 @@ TEST_F(PrintTest, DebugLineWritesTextExactlyAsFormatted) {
     std::string text;
     {
         CaptureOutput err(STDERR_FILENO);
-        qorcfg::debug_line("apply_cfg_group", 1234, "gid=0x%08x rc=%d", 0x20800001u, -3);
-        qorcfg::debug_line("scan", 7, "%s\n", long_text.c_str());
+        qorcfg::store::debug_line("apply_cfg_group", 1234, "gid=0x%08x rc=%d", 0x20800001u, -3);
+        qorcfg::store::debug_line("scan", 7, "%s\n", long_text.c_str());
         text = err.text();
     }
     // No newline is added, and long text is not cut.
