@@ -19,6 +19,7 @@
 #include "store/platform.h"
 #include "store/print.h"
 #include "store/store.h"
+#include "sys/command.h"
 
 namespace qorcfg::store {
 namespace {
@@ -445,9 +446,8 @@ QORCFG_API int reset_qorcfg(void) {
     HeldLock ram_lock(kRamFile, LOCK_EX);
     if (!ram_lock.held())
         return ram_lock.code();
-    char line[kLine];
-    std::snprintf(line, sizeof line, "/bin/rm -f %s", config_ram);
-    qor_system(line);
+    const sys::CommandLine line(sys::CommandLine::kAnyLength, "%s -f %s", sys::kRm, config_ram);
+    qor_system(line.c_str());
     ram_lock.release();
     // The working copy is made from the new flash copy by the next open.
     signal_daemons();
