@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "os/os.h"
+#include "os/owners.h"
 #include "store/platform.h"
 #include "store/print.h"
 #include "store/store.h"
@@ -319,32 +320,45 @@ QORCFG_API qorcfg_attr *get_attr_list_by_prefix_direct(qorcfg_handle *handle, co
     return get_attr_list_by_group_name_direct_f(handle, prefix, sub, -1);
 }
 
+}  // extern "C"
+
+namespace {
+
+// The daemon's list, when it gives one (a list is the only final answer of
+// the list forms; otherwise the handle falls back as `fallback` says).
+Answer list_from_daemon(qorcfg_handle *handle, const Fallback &fallback, qorcfg_attr **list,
+                        bool by_gid, uint32_t gid, const char *name, const char *sub) {
+    return ask_daemon_first(handle, fallback, [&](const char *file) {
+        Answer answer;
+        *list = by_gid ? attr_list_by_gid_daemon(file, gid, sub, &answer.code)
+                       : attr_list_by_name_daemon(file, name, sub, &answer.code);
+        answer.final = *list != nullptr;
+        return answer;
+    });
+}
+
+}  // namespace
+
+extern "C" {
+
 QORCFG_API qorcfg_attr *get_attr_list_by_gid(qorcfg_handle *handle, uint32_t gid, const char *sub) {
-    if (qorcfg_net_record *record = net_record(handle)) {
-        int code = 0;
-        if (qorcfg_attr *list = attr_list_by_gid_daemon(record->path, gid, sub, &code))
-            return list;
-        if (is_transport_failure(code))
-            refresh(handle);
-    }
+    qorcfg_attr *list = nullptr;
+    if (list_from_daemon(handle, Fallback{}, &list, true, gid, nullptr, sub).final)
+        return list;
     return has_tree(handle) ? get_attr_list_by_gid_direct(handle, gid, sub) : nullptr;
 }
 
 QORCFG_API qorcfg_attr *get_attr_list_by_gid_s(qorcfg_handle *handle, uint32_t gid, const char *sub,
                                                int flags) {
-    if (qorcfg_net_record *record = net_record(handle)) {
-        int code = 0;
-        if (qorcfg_attr *list = attr_list_by_gid_daemon(record->path, gid, sub, &code))
-            return list;
-        if (is_transport_failure(code)) {
-            if (gid != 0) {
-                refresh_sub(handle, nullptr, gid);
-                flags |= 2;
-            } else {
-                refresh(handle);
-            }
-        }
-    }
+    // A transport failure reads the group's subtree (the root's items of
+    // gid 0 need the whole configuration).
+    const Fallback fallback{gid != 0 ? Fallback::kSubtree : Fallback::kWhole, nullptr, gid};
+    qorcfg_attr *list = nullptr;
+    const Answer answer = list_from_daemon(handle, fallback, &list, true, gid, nullptr, sub);
+    if (answer.final)
+        return list;
+    if (answer.switched && gid != 0)
+        flags |= 2;
     if (!has_tree(handle))
         return nullptr;
     QORCFG_DEBUG("daemon error\n");
@@ -353,12 +367,12 @@ QORCFG_API qorcfg_attr *get_attr_list_by_gid_s(qorcfg_handle *handle, uint32_t g
 
 QORCFG_API qorcfg_attr *get_attr_list_by_group_name(qorcfg_handle *handle, const char *name,
                                                     const char *sub) {
-    if (qorcfg_net_record *record = net_record(handle)) {
-        int code = 0;
-        if (qorcfg_attr *list = attr_list_by_name_daemon(record->path, name, sub, &code))
-            return list;
-        refresh(handle);  // whatever the daemon answered
-    }
+    // This form reads the file whatever the daemon answered without a list.
+    Fallback fallback;
+    fallback.after_any_answer = true;
+    qorcfg_attr *list = nullptr;
+    if (list_from_daemon(handle, fallback, &list, false, 0, name, sub).final)
+        return list;
     return has_tree(handle) ? get_attr_list_by_group_name_direct(handle, name, sub) : nullptr;
 }
 
@@ -371,23 +385,17 @@ namespace {
 // configuration for the root's names) and read with bit value 2 added.
 qorcfg_attr *by_name_s(qorcfg_handle *handle, const char *name, const char *sub, int flags,
                        qorcfg_attr *(*local)(qorcfg_handle *, const char *, const char *, int)) {
-    if (qorcfg_net_record *record = net_record(handle)) {
-        int code = 0;
-        if (qorcfg_attr *list = attr_list_by_name_daemon(record->path, name, sub, &code))
-            return list;
-        if (is_transport_failure(code)) {
-            if (root_name(name)) {
-                refresh(handle);
-            } else {
-                char *at = name == nullptr ? nullptr
-                           : !empty(sub)   ? join(name, ".", sub)
-                                           : os::strdup(name);
-                refresh_sub(handle, at, 0);
-                std::free(at);
-                flags |= 2;
-            }
-        }
-    }
+    // The subtree's path, needed only when the daemon is asked.
+    os::Text at(!is_net(handle) || name == nullptr ? nullptr
+                : !empty(sub)                      ? join(name, ".", sub)
+                                                   : os::strdup(name));
+    const Fallback fallback{root_name(name) ? Fallback::kWhole : Fallback::kSubtree, at.get(), 0};
+    qorcfg_attr *list = nullptr;
+    const Answer answer = list_from_daemon(handle, fallback, &list, false, 0, name, sub);
+    if (answer.final)
+        return list;
+    if (answer.switched && !root_name(name))
+        flags |= 2;
     if (!has_tree(handle))
         return nullptr;
     QORCFG_DEBUG("daemon error\n");
@@ -410,13 +418,9 @@ QORCFG_API qorcfg_attr *get_attr_list_by_prefix_s(qorcfg_handle *handle, const c
 
 QORCFG_API qorcfg_attr *get_attr_list_by_prefix(qorcfg_handle *handle, const char *prefix,
                                                 const char *sub) {
-    if (qorcfg_net_record *record = net_record(handle)) {
-        int code = 0;
-        if (qorcfg_attr *list = attr_list_by_name_daemon(record->path, prefix, sub, &code))
-            return list;
-        if (is_transport_failure(code))
-            refresh(handle);
-    }
+    qorcfg_attr *list = nullptr;
+    if (list_from_daemon(handle, Fallback{}, &list, false, 0, prefix, sub).final)
+        return list;
     // The group-name reader: kept crossed on purpose.
     return has_tree(handle) ? get_attr_list_by_group_name_direct(handle, prefix, sub) : nullptr;
 }

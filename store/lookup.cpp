@@ -154,12 +154,11 @@ QORCFG_API int get_cfg_item(qorcfg_handle *handle, uint32_t gid, const char *ite
         value[0] = '\0';
     if (handle == nullptr)
         return QORCFG_ERR_FAIL;
-    if (qorcfg_net_record *record = net_record(handle)) {
-        int result = get_cfg_item_daemon(record->path, gid, item, value);
-        if (!is_transport_failure(result))
-            return result;  // the daemon's answer is final, "not found" too
-        refresh(handle);
-    }
+    const Answer answer = ask_daemon_first(handle, Fallback{}, [&](const char *file) {
+        return item_answer(get_cfg_item_daemon(file, gid, item, value));
+    });
+    if (answer.final)
+        return answer.code;
     if (tree_of(handle) == nullptr)
         return QORCFG_ERR_FAIL;
     return get_cfg_item_direct(handle, gid, item, value);
@@ -169,63 +168,73 @@ QORCFG_API int get_cfg_item_by_str(qorcfg_handle *handle, const char *group, con
                                    char *value) {
     if (handle == nullptr)
         return QORCFG_ERR_FAIL;
-    if (qorcfg_net_record *record = net_record(handle)) {
-        int result = get_cfg_item_by_str_daemon(record->path, group, item, value);
-        if (!is_transport_failure(result))
-            return result;
-        refresh(handle);
-    }
+    const Answer answer = ask_daemon_first(handle, Fallback{}, [&](const char *file) {
+        return item_answer(get_cfg_item_by_str_daemon(file, group, item, value));
+    });
+    if (answer.final)
+        return answer.code;
     if (tree_of(handle) == nullptr)
         return QORCFG_ERR_FAIL;
     return get_cfg_item_by_str_direct(handle, group, item, value);
 }
+
+}  // extern "C"
+
+namespace {
+
+// The local read of the _s forms: `item` of the root element of the
+// handle's subtree, for the exported function `caller`. `report` prints
+// the message of a missing item.
+template <typename Report>
+int subtree_item(qorcfg_handle *handle, const char *item, char *value, const char *caller,
+                 Report report) {
+    if (is_net(handle) || handle->xml == nullptr)
+        return QORCFG_ERR_FAIL;
+    if (enable_qorcfg_debug)
+        qorcfg::store::debug_line(caller, __LINE__, "daemon error\n");
+    const char *found = item != nullptr ? ezxml_attr(handle->xml, item) : nullptr;
+    if (found == nullptr || value == nullptr) {
+        report(caller);
+        return QORCFG_ERR_ITEM;
+    }
+    copy_value(value, found);
+    return QORCFG_OK;
+}
+
+}  // namespace
+
+extern "C" {
 
 QORCFG_API int get_cfg_item_s(qorcfg_handle *handle, uint32_t gid, const char *item, char *value) {
     if (value != nullptr)
         value[0] = '\0';
     if (handle == nullptr)
         return QORCFG_ERR_FAIL;
-    if (qorcfg_net_record *record = net_record(handle)) {
-        int result = get_cfg_item_daemon(record->path, gid, item, value);
-        if (!is_transport_failure(result))
-            return result;
-        refresh_sub(handle, nullptr, gid);
-    }
-    if (is_net(handle) || handle->xml == nullptr)
-        return QORCFG_ERR_FAIL;
-    ezxml_node *root = handle->xml;
-    QORCFG_DEBUG("daemon error\n");
-    const char *found = item != nullptr ? ezxml_attr(root, item) : nullptr;
-    if (found == nullptr || value == nullptr) {
-        qorcfg_print("%s>Can't find the gid=%d item_name=%s\n", __func__, static_cast<int>(gid),
+    // On a transport failure only the group's subtree is read, by gid.
+    const Answer answer = ask_daemon_first(
+        handle, Fallback{Fallback::kSubtree, nullptr, gid},
+        [&](const char *file) { return item_answer(get_cfg_item_daemon(file, gid, item, value)); });
+    if (answer.final)
+        return answer.code;
+    return subtree_item(handle, item, value, __func__, [&](const char *caller) {
+        qorcfg_print("%s>Can't find the gid=%d item_name=%s\n", caller, static_cast<int>(gid),
                      text(item));
-        return QORCFG_ERR_ITEM;
-    }
-    copy_value(value, found);
-    return QORCFG_OK;
+    });
 }
 
 QORCFG_API int get_cfg_item_by_str_s(qorcfg_handle *handle, const char *group, const char *item,
                                      char *value) {
     if (handle == nullptr)
         return QORCFG_ERR_FAIL;
-    if (qorcfg_net_record *record = net_record(handle)) {
-        int result = get_cfg_item_by_str_daemon(record->path, group, item, value);
-        if (!is_transport_failure(result))
-            return result;
-        refresh_sub(handle, group, 0);
-    }
-    if (is_net(handle) || handle->xml == nullptr)
-        return QORCFG_ERR_FAIL;
-    ezxml_node *root = handle->xml;
-    QORCFG_DEBUG("daemon error\n");
-    const char *found = item != nullptr ? ezxml_attr(root, item) : nullptr;
-    if (found == nullptr || value == nullptr) {
-        qorcfg_print("%s>Can't find the item_name=%s.%s\n", __func__, text(group), text(item));
-        return QORCFG_ERR_ITEM;
-    }
-    copy_value(value, found);
-    return QORCFG_OK;
+    const Answer answer =
+        ask_daemon_first(handle, Fallback{Fallback::kSubtree, group, 0}, [&](const char *file) {
+            return item_answer(get_cfg_item_by_str_daemon(file, group, item, value));
+        });
+    if (answer.final)
+        return answer.code;
+    return subtree_item(handle, item, value, __func__, [&](const char *caller) {
+        qorcfg_print("%s>Can't find the item_name=%s.%s\n", caller, text(group), text(item));
+    });
 }
 
 }  // extern "C"
@@ -233,22 +242,22 @@ QORCFG_API int get_cfg_item_by_str_s(qorcfg_handle *handle, const char *group, c
 namespace {
 
 // The body of the two prefix-and-group-path forms: daemon first, then the
-// group's subtree at "qorconfig.<group path>", read with its root's name as
-// the prefix. `traced`: the exported function that writes a debug line
-// before the local read.
+// group's subtree at "qorconfig.<group path>" (formed in a 129-byte buffer,
+// cut alike), read with its root's name as the prefix. `traced`: the
+// exported function that writes a debug line before the local read.
 int by_path_s(qorcfg_handle *handle, const char *prefix, const char *group_path, const char *item,
               char *value, const char *traced) {
     if (handle == nullptr)
         return QORCFG_ERR_FAIL;
-    if (qorcfg_net_record *record = net_record(handle)) {
-        int result =
-            get_cfg_item_by_all_args_daemon(record->path, -1, prefix, group_path, item, value);
-        if (result == 0 || !is_transport_failure(result))
-            return result;
-        char path[129];
-        std::snprintf(path, sizeof path, "qorconfig.%s", group_path != nullptr ? group_path : "");
-        refresh_sub(handle, path, 0);
-    }
+    char path[129];
+    std::snprintf(path, sizeof path, "qorconfig.%s", group_path != nullptr ? group_path : "");
+    const Answer answer =
+        ask_daemon_first(handle, Fallback{Fallback::kSubtree, path, 0}, [&](const char *file) {
+            return item_answer(
+                get_cfg_item_by_all_args_daemon(file, -1, prefix, group_path, item, value));
+        });
+    if (answer.final)
+        return answer.code;
     if (is_net(handle) || handle->xml == nullptr)
         return QORCFG_ERR_FAIL;
     if (traced != nullptr && enable_qorcfg_debug)

@@ -56,6 +56,11 @@ private:
 // configuration: then the factory defaults are restored).
 int prepare_ram();
 
+// True for the daemon transport failures (-10001 to -10005).
+inline bool is_transport_failure(int code) {
+    return code <= QORCFG_ERR_DAEMON && code >= QORCFG_ERR_DAEMON_RECV;
+}
+
 // True for a handle whose content is a network-mode record.
 bool is_net(const qorcfg_handle *handle);
 // The network record of a network-mode handle (NULL for other handles).
@@ -76,6 +81,55 @@ ezxml_node *find_path(qorcfg_handle *handle, const char *path);
 // The handle's tree, refreshing a network-mode handle; NULL when it has
 // none.
 ezxml_node *tree_of(qorcfg_handle *handle);
+
+// ---- daemon first, then the file ------------------------------------------------
+
+// Where a network-mode handle goes when the daemon's answer is not final.
+struct Fallback {
+    enum Tree { kWhole, kSubtree };
+    Tree tree = kWhole;           // the whole configuration (refresh) or a subtree
+    const char *group = nullptr;  // kSubtree: the group's name or path, or NULL ...
+    uint32_t gid = 0;             // ... then its group ID
+    // Switch on any answer that is not final, not only on a transport
+    // failure.
+    bool after_any_answer = false;
+};
+
+// What the daemon said: its result code, and whether that answer stands
+// (`final`: the caller returns it; otherwise it reads locally). `switched`:
+// the handle was switched to a local tree.
+struct Answer {
+    int code = QORCFG_OK;
+    bool final = false;
+    bool switched = false;
+};
+
+// An item's answer stands unless it is a transport failure: a daemon's
+// "not found" is final.
+inline Answer item_answer(int code) {
+    return Answer{code, !is_transport_failure(code), false};
+}
+
+// The one daemon-first sequence of every plain and _s lookup: for a
+// network-mode handle, `ask(file)` (the handle's file) gives the daemon's
+// Answer; when it is not final, a transport failure (or any answer, with
+// after_any_answer) switches the handle to the local tree `fallback` names.
+// A handle not in network mode is not asked (the answer is not final).
+template <typename Ask>
+Answer ask_daemon_first(qorcfg_handle *handle, const Fallback &fallback, Ask ask) {
+    qorcfg_net_record *record = net_record(handle);
+    if (record == nullptr)
+        return Answer{};
+    Answer answer = ask(record->path);
+    if (!answer.final && (is_transport_failure(answer.code) || fallback.after_any_answer)) {
+        if (fallback.tree == Fallback::kSubtree)
+            refresh_sub(handle, fallback.group, fallback.gid);
+        else
+            refresh(handle);
+        answer.switched = true;
+    }
+    return answer;
+}
 
 // Sends SIGUSR2 to the daemons named by their pid files.
 void signal_daemons();
@@ -112,10 +166,5 @@ ReplyChunk decode_chunk(unsigned char *buf, size_t n, bool *more, int *result);
 qorcfg_attr *attr_list_by_gid_daemon(const char *file, uint32_t gid, const char *sub, int *code);
 qorcfg_attr *attr_list_by_name_daemon(const char *file, const char *name, const char *sub,
                                       int *code);
-
-// True for the daemon transport failures (-10001 to -10005).
-inline bool is_transport_failure(int code) {
-    return code <= QORCFG_ERR_DAEMON && code >= QORCFG_ERR_DAEMON_RECV;
-}
 
 }  // namespace qorcfg::store
