@@ -55,134 +55,129 @@ bool has_index(const char *prefix) {
     return *d == '\0' || *d == '.';
 }
 
-// The explicit stack of the walk: element, its prefix (owned), its index.
-class WalkStack {
-public:
-    ~WalkStack() {
-        for (size_t i = 0; i < n_; ++i)
-            std::free(entries_[i].prefix);
-        std::free(entries_);
-    }
-    bool push(ezxml_node *node, char *prefix, int index) {
-        if (prefix == nullptr)
+}  // namespace
+
+AttrWalk::~AttrWalk() {
+    for (size_t i = 0; i < n_; ++i)
+        std::free(stack_[i].prefix);
+    std::free(stack_);
+}
+
+bool AttrWalk::push(ezxml_node *node, char *prefix, int index) {
+    if (prefix == nullptr)
+        return false;
+    if (n_ == cap_) {  // grows as needed, however deep the tree
+        const size_t cap = cap_ == 0 ? 100 : cap_ * 2;
+        auto *grown = static_cast<Entry *>(os::realloc(stack_, cap * sizeof(Entry)));
+        if (grown == nullptr) {
+            std::free(prefix);
             return false;
-        if (n_ == cap_) {  // grows as needed, however deep the tree
-            size_t cap = cap_ == 0 ? 100 : cap_ * 2;
-            auto *grown = static_cast<Entry *>(os::realloc(entries_, cap * sizeof(Entry)));
-            if (grown == nullptr) {
-                std::free(prefix);
-                return false;
-            }
-            entries_ = grown;
-            cap_ = cap;
         }
-        entries_[n_++] = Entry{node, prefix, index};
-        return true;
+        stack_ = grown;
+        cap_ = cap;
     }
-    bool empty() const { return n_ == 0; }
-    void pop(ezxml_node **node, char **prefix, int *index) {
-        const Entry &e = entries_[--n_];
-        *node = e.node;
-        *prefix = e.prefix;
-        *index = e.index;
+    stack_[n_++] = Entry{node, prefix, index};
+    return true;
+}
+
+bool AttrWalk::start(ezxml_node *start, const char *start_prefix, int flags) {
+    start_ = start;
+    flags_ = flags;
+    failed_ = !push(start, os::strdup(start_prefix), -1);
+    return !failed_;
+}
+
+void AttrWalk::identity(ezxml_node *root) {
+    if (root != nullptr && root->attr[0] != nullptr && root->attr[2] != nullptr) {
+        attr_ = root->attr;
+        left_ = 2;  // the first two attributes only
     }
+}
 
-private:
-    struct Entry {
-        ezxml_node *node;
-        char *prefix;
-        int index;
-    };
-    Entry *entries_ = nullptr;
-    size_t n_ = 0;
-    size_t cap_ = 0;
-};
-
-// The attribute walk from `start` (prefix `start_prefix`, index -1 for the
-// start): children first, then further same-name elements, then siblings;
+// Children first, then further same-name elements, then siblings;
 // sub-elements that are groups of their own, and indexed prefixes, are
-// skipped. NULL when memory runs out.
-qorcfg_attr *walk(ezxml_node *start, const char *start_prefix, int flags) {
-    qorcfg_attr *result = nullptr;
-    qorcfg_attr **tail = &result;
-    WalkStack stack;
-    if (!stack.push(start, os::strdup(start_prefix), -1))
-        return nullptr;
-    while (!stack.empty()) {
-        ezxml_node *e;
-        char *p;
-        int i;
-        stack.pop(&e, &p, &i);
-        QORCFG_DEBUG("cur_prefix = %s\n", p);
+// skipped. An element's successors are stacked before its attributes are
+// given out, which keeps that order.
+bool AttrWalk::next(AttrRecord &record) {
+    for (;;) {
+        if (attr_ != nullptr && attr_[0] != nullptr && left_ != 0) {
+            record = AttrRecord{attr_[0], attr_[1], reported_};
+            attr_ += 2;
+            --left_;
+            return true;
+        }
+        attr_ = nullptr;
+        if (failed_ || n_ == 0)
+            return false;
+        const Entry entry = stack_[--n_];
+        ezxml_node *e = entry.node;
+        os::Text p(entry.prefix);
+        const int i = entry.index;
+        QORCFG_DEBUG("cur_prefix = %s\n", p.get());
         QORCFG_DEBUG("cur_idx    = %d\n", i);
         QORCFG_DEBUG("cur_node   = %s\n", e->name);
         if (i >= 0) {
-            if (inside_a_group_path(p)) {
+            if (inside_a_group_path(p.get())) {
                 QORCFG_DEBUG("current prefix matches group table, skip\n");
-                std::free(p);
                 continue;
             }
-            if (has_index(p)) {
+            if (has_index(p.get())) {
                 QORCFG_DEBUG("cur_prefix has index, skip\n");
-                std::free(p);
                 continue;
             }
         }
         // The last of several same-name elements reports -1 when it is the
         // first (index 0) of them; a repeated one reports its index.
-        int reported = i != -1 && (e->next != nullptr || i > 0) ? i : -1;
-        for (char **a = e->attr; *a != nullptr; a += 2) {
-            qorcfg_attr *record = new_attr(a[0], a[1]);
-            if (record == nullptr) {
-                free_attr_list(result);
-                std::free(p);
-                return nullptr;
-            }
-            record->index = reported;
-            *tail = record;
-            tail = &record->next;
+        reported_ = i != -1 && (e->next != nullptr || i > 0) ? i : -1;
+        if (!push_successors(e, p.get(), i)) {
+            failed_ = true;
+            return false;
         }
-        bool ok = true;
-        if (e->sibling != nullptr && e != start) {
-            if (const char *dot = std::strrchr(p, '.')) {
-                size_t keep = static_cast<size_t>(dot - p) + 1;
-                size_t name = std::strlen(e->sibling->name);
-                auto *sp = static_cast<char *>(os::malloc(keep + name + 1));
-                if (sp != nullptr) {
-                    std::memcpy(sp, p, keep);
-                    std::memcpy(sp + keep, e->sibling->name, name + 1);
-                }
-                ok = stack.push(e->sibling, sp, 0);
-            }
-        }
-        if (ok && e->next != nullptr)
-            ok = stack.push(e->next, os::strdup(p), i + 1);
-        if (ok && e->child != nullptr && flags <= 0)
-            ok = stack.push(e->child, join(p, ".", e->child->name), 0);
-        std::free(p);
-        if (!ok) {
-            free_attr_list(result);
-            return nullptr;
-        }
+        attr_ = e->attr;
+        left_ = -1;
     }
-    return result;
 }
 
-// The root element's first and second attributes, index -1, in that order.
-qorcfg_attr *identity_list(qorcfg_handle *handle) {
-    ezxml_node *root = tree_of(handle);
-    if (root == nullptr || root->attr[0] == nullptr || root->attr[2] == nullptr)
-        return nullptr;
-    qorcfg_attr *first = new_attr(root->attr[0], root->attr[1]);
-    if (first == nullptr)
-        return nullptr;
-    first->next = new_attr(root->attr[2], root->attr[3]);
-    if (first->next == nullptr) {
-        free_attr_list(first);
-        return nullptr;
+bool AttrWalk::push_successors(ezxml_node *e, const char *p, int i) {
+    if (e->sibling != nullptr && e != start_) {
+        if (const char *dot = std::strrchr(p, '.')) {
+            const size_t keep = static_cast<size_t>(dot - p) + 1;
+            const size_t name = std::strlen(e->sibling->name);
+            auto *sp = static_cast<char *>(os::malloc(keep + name + 1));
+            if (sp != nullptr) {
+                std::memcpy(sp, p, keep);
+                std::memcpy(sp + keep, e->sibling->name, name + 1);
+            }
+            if (!push(e->sibling, sp, 0))
+                return false;
+        }
     }
-    return first;
+    if (e->next != nullptr && !push(e->next, os::strdup(p), i + 1))
+        return false;
+    if (e->child != nullptr && flags_ <= 0 && !push(e->child, join(p, ".", e->child->name), 0))
+        return false;
+    return true;
 }
+
+qorcfg_attr *collect(AttrWalk &walk) {
+    AttrList list;
+    qorcfg_attr **tail = nullptr;
+    AttrRecord r;
+    while (walk.next(r)) {
+        qorcfg_attr *record = new_attr(r.name, r.value);
+        if (record == nullptr)
+            return nullptr;
+        record->index = r.index;
+        if (tail == nullptr)
+            list.reset(record);
+        else
+            *tail = record;
+        tail = &record->next;
+    }
+    return walk.failed() ? nullptr : list.release();
+}
+
+namespace {
 
 bool root_name(const char *name) {
     return name != nullptr && (std::strcmp(name, "0") == 0 || std::strcmp(name, "0x0") == 0);
@@ -214,30 +209,98 @@ bool holds_subtree(qorcfg_handle *handle, const qorcfg_group *row) {
 using namespace qorcfg;
 using namespace qorcfg::store;
 
-extern "C" {
+namespace qorcfg::store {
 
-QORCFG_API qorcfg_attr *get_attr_list_by_gid_direct_f(qorcfg_handle *handle, uint32_t gid,
-                                                      const char *sub, int flags) {
+bool walk_by_gid(qorcfg_handle *handle, uint32_t gid, const char *sub, int flags, AttrWalk &walk) {
     if (handle == nullptr)
-        return nullptr;
-    if (gid == 0)
-        return identity_list(handle);
+        return false;
+    if (gid == 0) {
+        walk.identity(tree_of(handle));
+        return true;
+    }
     const qorcfg_group *row = group_by_gid(gid);
     if (row == nullptr)
-        return nullptr;
+        return false;
     ezxml_node *element;
     if (flags & 2) {
         refresh_sub(handle, nullptr, gid);
         element = tree_of(handle);
     } else if (sub != nullptr) {
         ezxml_node *root = tree_of(handle);
-        char *path = root != nullptr ? join(root->name, ".", sub) : nullptr;
-        element = path != nullptr ? find_path(handle, path) : nullptr;
-        std::free(path);
+        os::Text path(root != nullptr ? join(root->name, ".", sub) : nullptr);
+        element = path ? find_path(handle, path.get()) : nullptr;
     } else {
         element = find_path(handle, row->path);
     }
-    return element != nullptr ? walk(element, row->path, flags) : nullptr;
+    return element != nullptr && walk.start(element, row->path, flags);
+}
+
+bool walk_by_name(qorcfg_handle *handle, const char *name, const char *sub, int flags,
+                  AttrWalk &walk) {
+    if (handle == nullptr)
+        return false;
+    if (root_name(name)) {
+        walk.identity(tree_of(handle));
+        return true;
+    }
+    const qorcfg_group *row = group_by_name(name);
+    if (row == nullptr)
+        return false;
+    ezxml_node *element;
+    if (sub != nullptr) {
+        os::Text path(join(row->path, ".", sub));
+        element = path ? find_path(handle, path.get()) : nullptr;
+    } else if ((flags & 2) && (refresh(handle), holds_subtree(handle, row))) {
+        // The handle holds the group's element itself (the _s forms switch
+        // it so); on a whole configuration the group's path is read, which
+        // is what a group-name read returns.
+        element = tree_of(handle);
+    } else {
+        element = find_path(handle, row->path);
+    }
+    return element != nullptr && walk.start(element, row->path, flags & 1);
+}
+
+bool walk_by_prefix(qorcfg_handle *handle, const char *prefix, const char *sub, int flags,
+                    AttrWalk &walk) {
+    if (handle == nullptr || prefix == nullptr)
+        return false;
+    // Without a sub-path the full path is the prefix alone.
+    os::Text full(sub != nullptr ? join(prefix, ".", sub) : os::strdup(prefix));
+    if (!full)
+        return false;
+    QORCFG_DEBUG("full_path = %s\n", full.get());
+    const qorcfg_group *row = group_by_path(full.get());
+    if (row == nullptr && std::strcmp(prefix, "qorconfig") != 0) {
+        row = group_by_name(prefix);
+        if (row == nullptr)
+            return false;
+        full.reset(sub != nullptr ? join(row->path, ".", sub) : os::strdup(row->path));
+        if (!full)
+            return false;
+        QORCFG_DEBUG("fixed full_path = %s\n", full.get());
+    }
+    ezxml_node *element;
+    if (flags & 2) {
+        refresh_sub(handle, full.get(), 0);
+        element = tree_of(handle);
+    } else {
+        element = find_path(handle, sub != nullptr || row == nullptr ? full.get() : row->path);
+    }
+    if (element == nullptr)
+        return false;
+    QORCFG_DEBUG("find node, get attr by full path\n");
+    return walk.start(element, full.get(), flags);
+}
+
+}  // namespace qorcfg::store
+
+extern "C" {
+
+QORCFG_API qorcfg_attr *get_attr_list_by_gid_direct_f(qorcfg_handle *handle, uint32_t gid,
+                                                      const char *sub, int flags) {
+    AttrWalk walk;
+    return walk_by_gid(handle, gid, sub, flags, walk) ? collect(walk) : nullptr;
 }
 
 QORCFG_API qorcfg_attr *get_attr_list_by_gid_direct(qorcfg_handle *handle, uint32_t gid,
@@ -248,27 +311,8 @@ QORCFG_API qorcfg_attr *get_attr_list_by_gid_direct(qorcfg_handle *handle, uint3
 QORCFG_API qorcfg_attr *get_attr_list_by_group_name_direct_f(qorcfg_handle *handle,
                                                              const char *name, const char *sub,
                                                              int flags) {
-    if (handle == nullptr)
-        return nullptr;
-    if (root_name(name))
-        return identity_list(handle);
-    const qorcfg_group *row = group_by_name(name);
-    if (row == nullptr)
-        return nullptr;
-    ezxml_node *element;
-    if (sub != nullptr) {
-        char *path = join(row->path, ".", sub);
-        element = path != nullptr ? find_path(handle, path) : nullptr;
-        std::free(path);
-    } else if ((flags & 2) && (refresh(handle), holds_subtree(handle, row))) {
-        // The handle holds the group's element itself (the _s forms switch
-        // it so); on a whole configuration the group's path is read, which
-        // is what a group-name read returns.
-        element = tree_of(handle);
-    } else {
-        element = find_path(handle, row->path);
-    }
-    return element != nullptr ? walk(element, row->path, flags & 1) : nullptr;
+    AttrWalk walk;
+    return walk_by_name(handle, name, sub, flags, walk) ? collect(walk) : nullptr;
 }
 
 QORCFG_API qorcfg_attr *get_attr_list_by_group_name_direct(qorcfg_handle *handle, const char *name,
@@ -278,40 +322,8 @@ QORCFG_API qorcfg_attr *get_attr_list_by_group_name_direct(qorcfg_handle *handle
 
 QORCFG_API qorcfg_attr *get_attr_list_by_prefix_direct_f(qorcfg_handle *handle, const char *prefix,
                                                          const char *sub, int flags) {
-    if (handle == nullptr || prefix == nullptr)
-        return nullptr;
-    // Without a sub-path the full path is the prefix alone.
-    char *full = sub != nullptr ? join(prefix, ".", sub) : os::strdup(prefix);
-    if (full == nullptr)
-        return nullptr;
-    QORCFG_DEBUG("full_path = %s\n", full);
-    const qorcfg_group *row = group_by_path(full);
-    if (row == nullptr && std::strcmp(prefix, "qorconfig") != 0) {
-        row = group_by_name(prefix);
-        if (row == nullptr) {
-            std::free(full);
-            return nullptr;
-        }
-        std::free(full);
-        full = sub != nullptr ? join(row->path, ".", sub) : os::strdup(row->path);
-        if (full == nullptr)
-            return nullptr;
-        QORCFG_DEBUG("fixed full_path = %s\n", full);
-    }
-    ezxml_node *element;
-    if (flags & 2) {
-        refresh_sub(handle, full, 0);
-        element = tree_of(handle);
-    } else {
-        element = find_path(handle, sub != nullptr || row == nullptr ? full : row->path);
-    }
-    qorcfg_attr *list = nullptr;
-    if (element != nullptr) {
-        QORCFG_DEBUG("find node, get attr by full path\n");
-        list = walk(element, full, flags);
-    }
-    std::free(full);
-    return list;
+    AttrWalk walk;
+    return walk_by_prefix(handle, prefix, sub, flags, walk) ? collect(walk) : nullptr;
 }
 
 QORCFG_API qorcfg_attr *get_attr_list_by_prefix_direct(qorcfg_handle *handle, const char *prefix,

@@ -151,6 +151,70 @@ using AttrList = std::unique_ptr<qorcfg_attr, AttrListFree>;
 // value buffer.
 void copy_value(char *value, const char *text);
 
+// ---- attribute lists ------------------------------------------------------------
+
+// One record of an attribute walk, pointing into the tree (valid while the
+// tree lives).
+struct AttrRecord {
+    const char *name;
+    const char *value;
+    int32_t index;
+};
+
+// The attribute walk of an attribute-list read, one record at a time:
+// children first, then further same-name elements, then siblings, with
+// sub-elements that are groups of their own and indexed prefixes skipped.
+// The lists are collected from it, and the daemon streams it.
+class AttrWalk {
+public:
+    AttrWalk() = default;
+    ~AttrWalk();
+    AttrWalk(const AttrWalk &) = delete;
+    AttrWalk &operator=(const AttrWalk &) = delete;
+
+    // Walks from `start` with the prefix `start_prefix` (copied) and the
+    // start index -1; `flags` above 0 leave children out. False when
+    // memory runs out.
+    bool start(ezxml_node *start, const char *start_prefix, int flags);
+    // Instead of a walk, the root's identity: its first and second
+    // attributes (nothing when it has fewer).
+    void identity(ezxml_node *root);
+    // The next record; false at the end, or when memory ran out (failed()).
+    bool next(AttrRecord &record);
+    bool failed() const { return failed_; }
+
+private:
+    struct Entry {
+        ezxml_node *node;
+        char *prefix;  // owned
+        int index;
+    };
+    bool push(ezxml_node *node, char *prefix, int index);
+    bool push_successors(ezxml_node *e, const char *prefix, int index);
+
+    Entry *stack_ = nullptr;
+    size_t n_ = 0;
+    size_t cap_ = 0;
+    ezxml_node *start_ = nullptr;
+    int flags_ = 0;
+    char **attr_ = nullptr;  // the attributes being given out
+    int left_ = 0;           // how many of them may still be (-1: all)
+    int32_t reported_ = -1;
+    bool failed_ = false;
+};
+
+// Sets `walk` up as the local attribute-list reads by group ID, by group
+// name and by prefix (the _direct_f forms) run it; false when the read
+// gives no list (unknown group, element not found, no memory).
+bool walk_by_gid(qorcfg_handle *handle, uint32_t gid, const char *sub, int flags, AttrWalk &walk);
+bool walk_by_name(qorcfg_handle *handle, const char *name, const char *sub, int flags,
+                  AttrWalk &walk);
+bool walk_by_prefix(qorcfg_handle *handle, const char *prefix, const char *sub, int flags,
+                    AttrWalk &walk);
+// Every record of `walk` as an attribute list; NULL when it gives none or
+// memory runs out.
+qorcfg_attr *collect(AttrWalk &walk);
+
 // What one chunk of a daemon reply decoded to: its records, first and last.
 struct ReplyChunk {
     qorcfg_attr *first = nullptr;
