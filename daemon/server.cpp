@@ -1,12 +1,9 @@
-// daemon/server.cpp - the configuration daemon's request handling and event
-// loop.
+// daemon/server.cpp - the configuration daemon's event loop: the socket,
+// clients, signals and re-reading the files.
 //
-// Answers come from the library's own local reads on handles parsed from
-// the files, so a lookup through the daemon gives the value and result code
-// that a process reading the file itself would get. The loop is one thread
-// around poll(): every socket is non-blocking, every client has its own
-// buffers, and a client that is slow, silent, hostile or gone costs a slot
-// until its reply is written or it is dropped, never a wait.
+// One thread around poll(): every socket is non-blocking, every client has
+// its own buffers, and a client that is slow, silent, hostile or gone costs
+// a slot until its reply is written or it is dropped, never a wait.
 #include "daemon/server.h"
 
 #include <fcntl.h>
@@ -17,14 +14,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <new>
-#include <string_view>
 #include <utility>
 
 #include "os/os.h"
@@ -33,227 +28,8 @@
 #include "store/wire.h"
 
 namespace qorcfg::daemon {
-namespace {
 
 using Clock = std::chrono::steady_clock;
-
-using namespace wire;
-
-constexpr size_t kHeaderSize = kRecordHead + kHeaderValue;
-constexpr size_t kEndSize = kRecordHead;
-// Bytes of a chunk left for attribute records.
-constexpr size_t kRecordRoom = kChunkSize - kHeaderSize - kEndSize;
-
-void put16(std::string &out, uint32_t v) {
-    unsigned char bytes[2];
-    put_be16(bytes, v);
-    out.append(reinterpret_cast<const char *>(bytes), sizeof bytes);
-}
-
-void put32(std::string &out, uint32_t v) {
-    unsigned char bytes[4];
-    put_be32(bytes, v);
-    out.append(reinterpret_cast<const char *>(bytes), sizeof bytes);
-}
-
-// A name or value record: the text's bytes and a terminating zero, which
-// the length does not count.
-void put_text(std::string &out, unsigned char type, std::string_view text) {
-    out.push_back(static_cast<char>(type));
-    put16(out, static_cast<uint32_t>(text.size()));
-    out.append(text);
-    out.push_back('\0');
-}
-
-// The records of one attribute: name, value and, for a repeated element,
-// its index. They go into one chunk together, since the client pairs a
-// value with the name before it and an index with the value before it only
-// within a chunk.
-std::string attribute_records(const char *name, const char *value, int32_t index) {
-    std::string out;
-    put_text(out, kNameRecord, name != nullptr ? name : "");
-    put_text(out, kValueRecord, value != nullptr ? value : "");
-    if (index != -1) {
-        out.push_back(static_cast<char>(kIndexRecord));
-        put16(out, 4);
-        put32(out, static_cast<uint32_t>(index));
-    }
-    return out;
-}
-
-// Lays records out in chunks: each chunk opens with a header and ends with
-// an end record and zero padding to kChunkSize.
-class ReplyBuilder {
-public:
-    explicit ReplyBuilder(int32_t result) : result_(result) { open_chunk(); }
-
-    // Appends records that must stay in one chunk; false when they are too
-    // long for any chunk.
-    bool add(std::string_view records) {
-        if (records.size() > kRecordRoom)
-            return false;
-        if (out_.size() - chunk_start_ + records.size() + kEndSize > kChunkSize) {
-            close_chunk();
-            open_chunk();
-        }
-        out_.append(records);
-        return true;
-    }
-
-    std::string finish() && {
-        close_chunk();
-        if (headers_.size() > 1) {
-            // The client keeps reading while a header says more follows,
-            // until the daemon closes the connection.
-            for (size_t at : headers_)
-                put_be32(
-                    reinterpret_cast<unsigned char *>(&out_[at + kRecordHead + kHeaderFlagsAt]),
-                    kMoreChunks);
-        }
-        return std::move(out_);
-    }
-
-private:
-    void open_chunk() {
-        chunk_start_ = out_.size();
-        headers_.push_back(chunk_start_);
-        out_.push_back(static_cast<char>(kHeaderRecord));
-        put16(out_, 12);
-        put32(out_, 0);  // not read by the client
-        put32(out_, 0);  // flags, set by finish()
-        put32(out_, static_cast<uint32_t>(result_));
-    }
-
-    void close_chunk() {
-        out_.push_back(static_cast<char>(kEndRecord));
-        put16(out_, 0);
-        out_.resize(chunk_start_ + kChunkSize, '\0');
-    }
-
-    int32_t result_;
-    std::string out_;
-    size_t chunk_start_ = 0;
-    std::vector<size_t> headers_;
-};
-
-std::string result_only(int32_t result) {
-    return ReplyBuilder(result).finish();
-}
-
-std::string item_reply(int result, const char *item, const char *value) {
-    ReplyBuilder reply(result);
-    if (result == 0)
-        reply.add(attribute_records(item, value, -1));
-    return std::move(reply).finish();
-}
-
-std::string list_reply(qorcfg_attr *list) {
-    store::AttrList owner(list);
-    ReplyBuilder reply(0);
-    for (const qorcfg_attr *a = list; a != nullptr; a = a->next) {
-        if (!reply.add(attribute_records(a->name, a->value, a->index)))
-            return result_only(QORCFG_ERR_DAEMON);
-    }
-    return std::move(reply).finish();
-}
-
-// True when the text field holds its terminating zero.
-template <size_t N>
-bool terminated(const char (&field)[N]) {
-    return std::memchr(field, '\0', N) != nullptr;
-}
-
-// The item read of a request with a group path, done as a client does it
-// after the daemon failed: the group's element at "qorconfig.<path>" parsed
-// alone from the file, then the core read with that element's name as the
-// prefix. The text is formed in the client's 129-byte buffer, cut alike.
-//
-// The read takes the file's shared lock, which a writer (or a client that
-// holds the lock while it asks) may hold for long: waiting for it would
-// stall every client. So the lock is tried without waiting and held over
-// the read (another shared lock is then granted at once); when it is busy
-// the answer is QORCFG_ERR_DAEMON and the client reads the file itself.
-int item_by_path(const char *file, const char *path, const char *item, char *value) {
-    value[0] = '\0';
-    store::HeldLock held(store::file_kind(file), LOCK_SH | LOCK_NB);
-    if (!held.held())
-        return QORCFG_ERR_DAEMON;
-    std::string group_path = std::string("qorconfig.") + path;
-    if (group_path.size() > 128)
-        group_path.resize(128);
-    ezxml_node *root = init_sub_qorcfg_direct(group_path.c_str(), 0, file);
-    held.release();
-    if (root == nullptr)
-        return -1;
-    qorcfg_handle sub;
-    sub.xml = root;
-    int result = get_cfg_item_by_prefix_direct(&sub, root->name, item, value);
-    ezxml_free(root);
-    return result;
-}
-
-}  // namespace
-
-qorcfg_daemon_request request_from_bytes(const void *data, size_t size) {
-    qorcfg_daemon_request request;
-    std::memset(&request, 0, sizeof request);
-    if (data != nullptr)
-        std::memcpy(&request, data, std::min<size_t>(size, QORCFG_REQUEST_SENT));
-    return request;
-}
-
-std::string answer(qorcfg_handle *ram, qorcfg_handle *current,
-                   const qorcfg_daemon_request &request) {
-    if (!terminated(request.file) || !terminated(request.item) || !terminated(request.name) ||
-        !terminated(request.path))
-        return result_only(-1);
-    const bool is_current = std::strcmp(request.file, current_config) == 0;
-    qorcfg_handle *handle = is_current ? current : ram;
-    const char *file = is_current ? current_config : config_ram;
-    const uint32_t code = get_be32(reinterpret_cast<const unsigned char *>(&request.code));
-    const uint32_t gid = get_be32(request.gid);
-    const bool list = request.item[0] == '\0';
-
-    if (code != QORCFG_REQ_BY_GID && code != QORCFG_REQ_BY_NAME && code != QORCFG_REQ_BY_GID_PATH &&
-        code != QORCFG_REQ_BY_NAME_PATH)
-        return result_only(-1);
-    if (handle == nullptr)
-        return result_only(-1);
-
-    if (list) {
-        switch (code) {
-            case QORCFG_REQ_BY_GID:
-                return list_reply(get_attr_list_by_gid_direct(handle, gid, nullptr));
-            case QORCFG_REQ_BY_NAME:
-                return list_reply(
-                    get_attr_list_by_group_name_direct(handle, request.name, nullptr));
-            case QORCFG_REQ_BY_GID_PATH:
-                return list_reply(get_attr_list_by_gid_direct(handle, gid, request.path));
-            default:
-                return list_reply(
-                    get_attr_list_by_group_name_direct(handle, request.name, request.path));
-        }
-    }
-
-    std::array<char, QORCFG_VALUE_SIZE> value{};
-    int result;
-    switch (code) {
-        case QORCFG_REQ_BY_GID:
-            result = get_cfg_item_direct(handle, gid, request.item, value.data());
-            break;
-        case QORCFG_REQ_BY_NAME:
-            result = get_cfg_item_by_str_direct(handle, request.name, request.item, value.data());
-            break;
-        default:
-            result = item_by_path(file, request.path, request.item, value.data());
-            if (result == QORCFG_ERR_DAEMON)
-                return result_only(QORCFG_ERR_DAEMON);
-            break;
-    }
-    return item_reply(result, request.item, value.data());
-}
-
-// ---- the server ------------------------------------------------------------
 
 namespace {
 
@@ -283,13 +59,20 @@ void complain(const char *what, const char *detail) {
 
 }  // namespace
 
+// A connection. Its request's last byte is only peeked, not read: it stays
+// in the socket until the reply is complete, so that closing the connection
+// any earlier resets it (a local socket closed with unread input makes the
+// peer's next receive fail), while a complete reply ends in an orderly close
+// after the input is read away.
 struct Server::Client {
     int fd = -1;
     std::array<unsigned char, QORCFG_REQUEST_SENT> request{};
     size_t received = 0;
-    bool answered = false;
-    std::string reply;
-    size_t sent = 0;
+    std::unique_ptr<Reply> reply;  // set once the request is complete
+    Chunk chunk{};
+    size_t chunk_size = 0;  // bytes of `chunk` to send
+    size_t chunk_sent = 0;
+    bool last_chunk = false;  // `chunk` ends the reply
     Clock::time_point last_activity;
 };
 
@@ -313,32 +96,55 @@ Server::~Server() {
 }
 
 std::string Server::answer(const qorcfg_daemon_request &request) const {
-    return daemon::answer(ram_, current_, request);
+    if (!files_)
+        return daemon::answer(nullptr, nullptr, request);
+    return daemon::answer(files_->ram, files_->current, request);
 }
 
-void Server::load_files() {
-    // The daemon's own handles must hold the parsed files, not ask a daemon.
-    set_all_net_qorcfg_mode(0);
-    ram_ = init_qorcfg_f(config_ram);
-    current_ = init_qorcfg_f(current_config);
-    if (ram_ == nullptr)
-        complain(config_ram, "cannot be read; its requests are answered with -1");
-    if (current_ == nullptr)
-        complain(current_config, "cannot be read; its requests are answered with -1");
+// Parses `path` (the working copy, made from the flash copy when missing,
+// or the current configuration) into `*out` without waiting for a lock:
+// busy while another process holds one. Its own shared lock is tried and
+// held over the parse, whose shared lock is then granted at once.
+Server::Load Server::load(const char *path, qorcfg_handle **out) {
+    *out = nullptr;
+    const store::Kind kind = store::file_kind(path);
+    if (kind == store::kRamFile && store::prepare_ram(false) == QORCFG_ERR_LOCK)
+        return Load::busy;
+    store::HeldLock lock(kind, LOCK_SH | LOCK_NB);
+    if (!lock.held())
+        return lock.code() == QORCFG_ERR_LOCK ? Load::busy : Load::unreadable;
+    ezxml_node *root = init_qorcfg_f_direct(path);
+    if (root == nullptr) {
+        complain(path, "cannot be read; its requests are answered with -1");
+        return Load::unreadable;
+    }
+    if (const char *error = ezxml_error(root); error[0] != '\0') {
+        std::fprintf(stderr,
+                     "qorcfgd: %s: damaged: %s; what follows that point is missing, so its "
+                     "values are not found\n",
+                     path, error);
+    }
+    *out = static_cast<qorcfg_handle *>(std::malloc(sizeof(qorcfg_handle)));
+    if (*out == nullptr) {
+        ezxml_free(root);
+        return Load::unreadable;
+    }
+    (*out)->xml = root;
+    return Load::loaded;
 }
 
-void Server::free_files() {
-    if (ram_ != nullptr)
-        close_qorcfg(ram_);
-    if (current_ != nullptr)
-        close_qorcfg(current_);
-    ram_ = current_ = nullptr;
-}
-
-void Server::reload() {
-    free_files();
-    load_files();
+bool Server::reload() {
+    auto fresh = std::make_shared<Files>();
+    if (load(config_ram, &fresh->ram) == Load::busy ||
+        load(current_config, &fresh->current) == Load::busy) {
+        reload_pending_ = true;
+        reload_at_ = Clock::now() + options_.reload_retry;
+        return false;
+    }
+    files_ = std::move(fresh);
+    reload_pending_ = false;
     ++reload_count_;
+    return true;
 }
 
 bool Server::open_socket() {
@@ -413,7 +219,10 @@ bool Server::start() {
         stop();
         return false;
     }
-    load_files();
+    // Until the files can be read (a writer may hold them), requests are
+    // answered with a transport failure and clients read the files.
+    if (reload())
+        reload_count_ = 0;
     started_ = true;
     return true;
 }
@@ -437,7 +246,8 @@ void Server::stop() {
         os::unlink(kPidFile);
         pid_written_ = false;
     }
-    free_files();
+    files_.reset();
+    reload_pending_ = false;
     started_ = false;
 }
 
@@ -478,10 +288,8 @@ bool Server::handle_signals() {
 }
 
 void Server::drop(size_t index) {
-    // A reply is ended by the close, not by a record, and a local socket
-    // has no reset to send: a reader cut off in the middle of a reply of
-    // several chunks sees a short list. So clients are dropped only when
-    // idle past the limit, and readers last when room is needed.
+    // Closed with its request's last byte unread: a reader cut off in the
+    // middle of a reply is reset, never handed a short list as the whole.
     if (clients_[index].fd >= 0)
         os::close(clients_[index].fd);
     clients_.erase(clients_.begin() + static_cast<std::ptrdiff_t>(index));
@@ -495,8 +303,8 @@ void Server::drop_longest_idle() {
     // only a retry, while a reader of a reply falls back to the file.
     auto oldest =
         std::min_element(clients_.begin(), clients_.end(), [](const Client &a, const Client &b) {
-            return std::make_pair(a.answered, a.last_activity) <
-                   std::make_pair(b.answered, b.last_activity);
+            return std::make_pair(a.reply != nullptr, a.last_activity) <
+                   std::make_pair(b.reply != nullptr, b.last_activity);
         });
     drop(static_cast<size_t>(oldest - clients_.begin()));
 }
@@ -525,9 +333,10 @@ void Server::accept_clients() {
 }
 
 void Server::read_from(Client &client) {
-    while (client.received < QORCFG_REQUEST_SENT) {
+    constexpr size_t kRead = QORCFG_REQUEST_SENT - 1;  // the last byte is only peeked
+    while (client.received < kRead) {
         ssize_t n = os::recv(client.fd, client.request.data() + client.received,
-                             QORCFG_REQUEST_SENT - client.received, MSG_DONTWAIT);
+                             kRead - client.received, MSG_DONTWAIT);
         if (n > 0) {
             client.received += static_cast<size_t>(n);
             client.last_activity = Clock::now();
@@ -542,45 +351,76 @@ void Server::read_from(Client &client) {
         client.fd = -1;
         return;
     }
+    ssize_t n = os::recv(client.fd, client.request.data() + kRead, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+        return;
+    if (n <= 0) {
+        os::close(client.fd);
+        client.fd = -1;
+        return;
+    }
+    client.last_activity = Clock::now();
     try {
-        client.reply = answer(request_from_bytes(client.request.data(), client.received));
+        client.reply = std::make_unique<Reply>(
+            files_, request_from_bytes(client.request.data(), QORCFG_REQUEST_SENT));
     } catch (const std::bad_alloc &) {
         complain("request", "out of memory; connection dropped");
         os::close(client.fd);
         client.fd = -1;
         return;
     }
-    client.answered = true;
     write_to(client);
 }
 
+// Sends what is left of the current chunk, or makes the next one first:
+// one chunk's work per turn, so that every client gets its turn.
 void Server::write_to(Client &client) {
-    while (client.sent < client.reply.size()) {
-        // One write per chunk, so that a chunk arrives in one receive.
-        const size_t len = kChunkSize - client.sent % kChunkSize;
-        ssize_t n = os::send(client.fd, client.reply.data() + client.sent, len,
-                             MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (n > 0) {
-            client.sent += static_cast<size_t>(n);
-            client.last_activity = Clock::now();
-            continue;
+    if (client.chunk_sent == client.chunk_size) {
+        if (client.last_chunk)
+            return finish(client);
+        switch (client.reply->next(client.chunk)) {
+            case Reply::Next::chunk:
+                break;
+            case Reply::Next::done:
+                return finish(client);
+            case Reply::Next::inexpressible:
+                // An attribute no chunk can hold: before any chunk went out
+                // the client is told to read the file; after, cut off.
+                if (client.reply->started()) {
+                    os::close(client.fd);
+                    client.fd = -1;
+                    return;
+                }
+                failure_chunk(client.chunk, QORCFG_ERR_DAEMON);
+                client.last_chunk = true;
+                break;
         }
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-            return;            // wait until the socket takes more
-        os::close(client.fd);  // the client went away
-        client.fd = -1;
+        client.chunk_size = client.chunk.size();
+        client.chunk_sent = 0;
+    }
+    ssize_t n;
+    do {
+        n = os::send(client.fd, client.chunk.data() + client.chunk_sent,
+                     client.chunk_size - client.chunk_sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+    } while (n < 0 && errno == EINTR);
+    if (n > 0) {
+        client.chunk_sent += static_cast<size_t>(n);
+        client.last_activity = Clock::now();
+        if (client.chunk_sent == client.chunk_size &&
+            (client.last_chunk || client.reply->finished()))
+            finish(client);
         return;
     }
-    finish(client);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return;            // wait until the socket takes more
+    os::close(client.fd);  // the client went away
+    client.fd = -1;
 }
 
 void Server::finish(Client &client) {
-    // Bytes the client sent beyond its request are read away first: closing
-    // a local socket with unread input resets the peer, whose next receive
-    // (a client of a reply of several chunks reads until the end) would
-    // then fail instead of seeing the end.
+    // The request's last byte, and bytes the client sent beyond it, are read
+    // away first: closing with unread input would reset the client, whose
+    // next receive would then fail instead of seeing the end.
     char scrap[4096];
     for (int i = 0; i < 16; ++i) {
         ssize_t n = os::recv(client.fd, scrap, sizeof scrap, MSG_DONTWAIT);
@@ -605,12 +445,15 @@ bool Server::run_once(std::chrono::milliseconds timeout) {
     if (!accepting)
         wait = std::min(wait,
                         std::chrono::ceil<std::chrono::milliseconds>(accept_paused_until_ - now));
+    if (reload_pending_)
+        wait = std::clamp(std::chrono::ceil<std::chrono::milliseconds>(reload_at_ - now),
+                          std::chrono::milliseconds(0), wait);
     std::vector<pollfd> fds;
     fds.reserve(clients_.size() + 2);
     fds.push_back({wake_read_, POLLIN, 0});
     fds.push_back({accepting ? listener_ : -1, POLLIN, 0});  // poll skips a negative fd
     for (const Client &c : clients_)
-        fds.push_back({c.fd, static_cast<short>(c.answered ? POLLOUT : POLLIN), 0});
+        fds.push_back({c.fd, static_cast<short>(c.reply != nullptr ? POLLOUT : POLLIN), 0});
     const int ready = ::poll(fds.data(), fds.size(),
                              static_cast<int>(std::min<long long>(wait.count(), 1 << 30)));
     if (ready < 0 && errno != EINTR) {
@@ -633,7 +476,9 @@ bool Server::run_once(std::chrono::milliseconds timeout) {
     }
     if (stop_requested_)
         return false;
-    if (reload_requested_.exchange(false))
+    // A re-read that found a writer's lock is tried again soon; meanwhile
+    // the trees read before keep answering.
+    if (reload_requested_.exchange(false) || (reload_pending_ && Clock::now() >= reload_at_))
         reload();
 
     if (ready > 0) {
@@ -642,7 +487,7 @@ bool Server::run_once(std::chrono::milliseconds timeout) {
             if (revents == 0)
                 continue;
             Client &c = clients_[i];
-            if (!c.answered)
+            if (c.reply == nullptr)
                 read_from(c);
             else
                 write_to(c);

@@ -1,24 +1,30 @@
 // daemon/server.h - the configuration daemon qorcfgd: serves item and
 // attribute-list lookups of the working copy and the current configuration
 // over the local stream socket, with exactly the answers that the library's
-// local reads of the same files give.
+// local reads of the same files give (daemon/reply.h).
 //
 // One thread, one poll loop, non-blocking sockets. Each client sends one
-// fixed-size request record and gets one reply made of 4,096-byte chunks of
-// type-length-value records; the daemon then closes the connection. Both
-// files are parsed at start and again on request (SIGUSR2); requests are
-// answered from those parsed handles, except item reads by group path,
-// which read the file as a client's own fallback does (without ever
-// waiting for its lock).
+// fixed-size request record and gets one reply of 4,096-byte chunks, made
+// one at a time as its socket takes them; clients are served in turn, one
+// chunk each, so a big reply delays a small one by a chunk's worth of work
+// at most. A complete reply is followed by an orderly close; a reply cut
+// short (a client dropped for idleness or to make room, or a shutdown)
+// resets the connection instead, so the client's receive fails and it reads
+// the file itself rather than take a part of a list for the whole. Both
+// files are parsed at start and again on request (SIGUSR2), only when their
+// locks can be taken without waiting; until then the loop answers from the
+// trees it has.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "daemon/reply.h"
 #include "qorcfg.h"
 
 namespace qorcfg::daemon {
@@ -26,19 +32,6 @@ namespace qorcfg::daemon {
 // Pid file of the daemon (through the OS seam, so below the root when one
 // is set).
 inline constexpr const char *kPidFile = "/var/run/read_qorcfgd.pid";
-
-// The request record of `size` received bytes: at most the bytes a client
-// sends are copied into a zeroed record, so a short input leaves the rest
-// zero and a longer one is cut.
-qorcfg_daemon_request request_from_bytes(const void *data, size_t size);
-
-// The reply bytes to `request` (a whole number of 4,096-byte chunks), read
-// from `ram` (the parsed working copy) or `current` (the parsed current
-// configuration), either of which may be NULL (a file that could not be
-// read: its requests answer -1). The request's file field picks the handle:
-// the current configuration's path picks `current`, anything else `ram`.
-std::string answer(qorcfg_handle *ram, qorcfg_handle *current,
-                   const qorcfg_daemon_request &request);
 
 // Limits of the event loop.
 struct Options {
@@ -48,6 +41,8 @@ struct Options {
     // A client that makes no progress (nothing read from it, nothing written
     // to it) for this long is dropped.
     std::chrono::milliseconds idle_timeout{10000};
+    // After a re-read found a file's lock held by a writer, the next try.
+    std::chrono::milliseconds reload_retry{100};
 };
 
 class Server {
@@ -69,12 +64,16 @@ public:
     // Turns the loop until a stop is requested, then stop(). Returns 0, or 1
     // when the server was never started.
     int run();
-    // Parses both files again and answers from the new trees from now on.
-    // Call it on the loop's thread (or while no loop runs).
-    void reload();
-    // Drops every client, closes and removes the socket and the pid file,
-    // frees the parsed files. Idempotent. Call it on the loop's thread (or
-    // after the loop has ended).
+    // Parses both files again and answers from the new trees from now on;
+    // replies being sent finish from the trees they began with. When a
+    // file's lock is held by another process nothing changes and false is
+    // returned: the loop tries again after Options::reload_retry. Call it on
+    // the loop's thread (or while no loop runs).
+    bool reload();
+    // Drops every client (a reply not yet complete is cut off with a
+    // reset), closes and removes the socket and the pid file, frees the
+    // parsed files. Idempotent. Call it on the loop's thread (or after the
+    // loop has ended).
     void stop();
 
     // Thread-safe and async-signal-safe: ask the loop to reload, or to stop,
@@ -86,7 +85,7 @@ public:
     // the handlers cannot be installed.
     bool handle_signals();
 
-    // The reply to one request from this server's parsed files.
+    // The whole reply to one request from this server's parsed files.
     std::string answer(const qorcfg_daemon_request &request) const;
 
     // Observers (any thread): connections open, reloads done.
@@ -95,10 +94,10 @@ public:
 
 private:
     struct Client;
+    enum class Load { loaded, busy, unreadable };
 
     bool open_socket();
-    void load_files();
-    void free_files();
+    Load load(const char *path, qorcfg_handle **out);
     void accept_clients();
     void drop(size_t index);
     void drop_longest_idle();
@@ -106,15 +105,19 @@ private:
     void write_to(Client &client);
     void finish(Client &client);
     void wake_up();
+    std::chrono::milliseconds wait_for(std::chrono::milliseconds timeout) const;
 
     Options options_;
-    qorcfg_handle *ram_ = nullptr;
-    qorcfg_handle *current_ = nullptr;
+    // The parsed files; NULL until they could first be read, when requests
+    // are answered with a transport failure (the client reads the file).
+    std::shared_ptr<Files> files_;
     int listener_ = -1;
     // After an accept error that waiting cures (no descriptors or memory
     // left), the listener is left out of the poll until then, rather than
     // waking the loop at once, again and again.
     std::chrono::steady_clock::time_point accept_paused_until_{};
+    bool reload_pending_ = false;
+    std::chrono::steady_clock::time_point reload_at_{};
     int wake_read_ = -1;
     int wake_write_ = -1;
     bool started_ = false;

@@ -135,19 +135,24 @@ Kind file_kind(const char *path) {
     return kOtherFile;
 }
 
-int prepare_ram() {
+int prepare_ram(bool wait) {
     if (os::access(config_ram, F_OK) == 0)
         return QORCFG_OK;
+    const int nonblocking = wait ? 0 : LOCK_NB;
+    // A lock another process holds, when not waiting for it.
+    auto failure = [wait](const HeldLock &lock) {
+        return !wait && lock.code() == QORCFG_ERR_LOCK ? QORCFG_ERR_LOCK : QORCFG_ERR_FAIL;
+    };
     // The flash copy's lock before the working copy's, and released first.
-    HeldLock rom_lock(kRomFile, LOCK_SH);
+    HeldLock rom_lock(kRomFile, LOCK_SH | nonblocking);
     if (!rom_lock.held())
-        return QORCFG_ERR_FAIL;
+        return failure(rom_lock);
     os::File rom(os::fopen(config_rom, "r"));
     if (!rom)
         return QORCFG_ERR_FAIL;
-    HeldLock ram_lock(kRamFile, LOCK_EX);
+    HeldLock ram_lock(kRamFile, LOCK_EX | nonblocking);
     if (!ram_lock.held())
-        return QORCFG_ERR_FAIL;
+        return failure(ram_lock);
     os::File ram(os::fopen(config_ram, "w"));
     if (!ram)
         return QORCFG_ERR_FAIL;

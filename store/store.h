@@ -53,8 +53,9 @@ private:
 
 // Makes the working copy from the flash copy when it does not exist.
 // QORCFG_OK, or QORCFG_ERR_FAIL (the flash copy unreadable or not a
-// configuration: then the factory defaults are restored).
-int prepare_ram();
+// configuration: then the factory defaults are restored). With `wait`
+// false a lock held by another process gives QORCFG_ERR_LOCK at once.
+int prepare_ram(bool wait = true);
 
 // True for the daemon transport failures (-10001 to -10005).
 inline bool is_transport_failure(int code) {
