@@ -107,7 +107,7 @@ Handle open_file(const char *file, bool local) {
     return own(init_qorcfg_f(file));
 }
 
-unsigned sweep_allocations(const std::function<bool()> &attempt) {
+unsigned sweep_allocations(const std::function<bool()> &attempt, bool strict) {
     unsigned n = 1;
     for (;; ++n) {
         os::reset_faults();
@@ -117,8 +117,10 @@ unsigned sweep_allocations(const std::function<bool()> &attempt) {
         const bool reached = os::calls(Call::alloc) >= n;
         os::reset_faults();
         os::count_calls(false);
-        EXPECT_EQ(ok, !reached) << "allocation " << n;
-        if (!reached || n >= 100000)
+        if (strict) {
+            EXPECT_EQ(ok, !reached) << "allocation " << n;
+        }
+        if (!reached || (ok && !strict) || n >= 100000)
             break;
     }
     return n - 1;

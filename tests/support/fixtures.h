@@ -101,8 +101,9 @@ Handle open_file(const char *file, bool local = true);
 
 // Runs `attempt` with the n-th allocation failing, for n = 1, 2, ... until a
 // run no longer reaches the n-th allocation. `attempt` tells whether its call
-// succeeded: it must fail exactly in the runs where the fault was reached.
-// Returns the number of such runs.
-unsigned sweep_allocations(const std::function<bool()> &attempt);
+// succeeded: when `strict`, it must fail exactly in the runs where the fault
+// was reached; otherwise the sweep ends at the first success. Returns the
+// number of runs before the last.
+unsigned sweep_allocations(const std::function<bool()> &attempt, bool strict = true);
 
 }  // namespace qorcfg::test
