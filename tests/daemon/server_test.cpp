@@ -449,14 +449,6 @@ TEST_F(DaemonAnswer, ItemAndFailureRepliesAreExactBytes) {
         std::string("\x01\x00\x0c", 3) + be32(0) + be32(0) + be32(0xFFFFFFFC) + end;
     missing.resize(kChunk, '\0');
     EXPECT_EQ(answer(QORCFG_REQ_BY_GID, "nothere", "", "", static_cast<int32_t>(device)), missing);
-
-    // Unknown request codes answer -1.
-    for (uint32_t code : {0u, 1u, 4u, 7u, 0x02000000u, 0xFFFFFFFFu}) {
-        Reply r = decode(answer(code, "name", "sys_device", "", static_cast<int32_t>(device)));
-        ASSERT_TRUE(r.well_formed) << r.problem;
-        EXPECT_EQ(r.result(), -1) << code;
-        EXPECT_TRUE(r.records.empty());
-    }
 }
 
 TEST_F(DaemonAnswer, ListRepliesCarryIndexRecordsOnlyForRepeatedElements) {
@@ -510,98 +502,87 @@ TEST_F(DaemonAnswer, ListRepliesCarryIndexRecordsOnlyForRepeatedElements) {
     EXPECT_EQ(r.records, (Attrs{{"version", "1.10.01", -1}, {"devtype", "AP", -1}}));
 }
 
-TEST_F(DaemonAnswer, TextFieldsWithoutTheirZeroAnswerMinusOne) {
+// Unknown request codes, text fields without their terminating zero and
+// files the daemon has not parsed answer -1; the longest texts that fit are
+// read as usual. Only the current configuration's path picks it; anything
+// else is the working copy.
+TEST_F(DaemonAnswer, ResultsOfRequestsByCodeFieldAndFile) {
     const int32_t device = static_cast<int32_t>(gid_of("sys_device"));
-    auto result_of = [](std::string bytes) {
-        Reply r = decode(bytes);
-        EXPECT_TRUE(r.well_formed) << r.problem;
-        return r.result();
+    const std::string i64(64, 'i'), i65(65, 'i'), n128(128, 'n'), n129(129, 'n'), p257(257, 'p'),
+        f513(513, 'f');
+    const struct {
+        bool ram, current;
+        uint32_t code;
+        std::string file, item, name, path;
+        int32_t gid, result;
+    } cases[] = {
+        {true, true, 0, config_ram, "name", "sys_device", "", device, -1},
+        {true, true, 1, config_ram, "name", "sys_device", "", device, -1},
+        {true, true, 4, config_ram, "name", "sys_device", "", device, -1},
+        {true, true, 7, config_ram, "name", "sys_device", "", device, -1},
+        {true, true, 0x02000000u, config_ram, "name", "sys_device", "", device, -1},
+        {true, true, 0xFFFFFFFFu, config_ram, "name", "sys_device", "", device, -1},
+        {true, true, 3, config_ram, i64, "sys_device", "", -1, -4},
+        {true, true, 3, config_ram, "name", n128, "", -1, -3},
+        {true, true, 2, config_ram, i65, "", "", device, -1},
+        {true, true, 3, config_ram, "name", n129, "", -1, -1},
+        {true, true, 6, config_ram, "name", "sys_device", p257, -1, -1},
+        {true, true, 2, f513, "name", "", "", device, -1},
+        {true, false, 2, "/elsewhere.xml", "name", "", "", device, 0},
+        {true, false, 2, current_config, "name", "", "", device, -1},
+        {true, false, 3, current_config, "", "vlan", "", -1, -1},
+        {false, true, 2, current_config, "name", "", "", device, 0},
     };
-    // The longest texts that fit are read as usual.
-    EXPECT_EQ(result_of(answer(QORCFG_REQ_BY_NAME, std::string(64, 'i'), "sys_device", "", -1)),
-              -4);
-    EXPECT_EQ(result_of(answer(QORCFG_REQ_BY_NAME, "name", std::string(128, 'n'), "", -1)), -3);
-    // One more byte and the field has no terminating zero.
-    EXPECT_EQ(result_of(answer(QORCFG_REQ_BY_GID, std::string(65, 'i'), "", "", device)), -1);
-    EXPECT_EQ(result_of(answer(QORCFG_REQ_BY_NAME, "name", std::string(129, 'n'), "", -1)), -1);
-    EXPECT_EQ(
-        result_of(answer(QORCFG_REQ_BY_NAME_PATH, "name", "sys_device", std::string(257, 'p'), -1)),
-        -1);
-    EXPECT_EQ(result_of(answer(QORCFG_REQ_BY_GID, "name", "", "", device, std::string(513, 'f'))),
-              -1);
-}
-
-TEST_F(DaemonAnswer, FileFieldPicksTheHandleAndMissingFilesAnswerMinusOne) {
-    const int32_t device = static_cast<int32_t>(gid_of("sys_device"));
-    // Only the current configuration's path picks it; anything else is the
-    // working copy.
+    for (const auto &c : cases) {
+        const Reply r = decode(
+            qorcfg::daemon::answer(c.ram ? ram : nullptr, c.current ? current : nullptr,
+                                   request_record(c.code, c.file, c.item, c.name, c.path, c.gid)));
+        ASSERT_TRUE(r.well_formed) << r.problem;
+        EXPECT_EQ(r.result(), c.result) << c.code << " " << c.file.substr(0, 20) << " "
+                                        << c.item.size() << " " << c.name.size();
+        EXPECT_EQ(r.records.empty(), c.result != 0);
+    }
     EXPECT_EQ(qorcfg::daemon::answer(ram, nullptr, request_record(2, "", "name", "", "", device)),
-              qorcfg::daemon::answer(ram, current,
-                                     request_record(2, config_ram, "name", "", "", device)));
-    Reply r = decode(qorcfg::daemon::answer(
-        ram, nullptr, request_record(2, "/elsewhere.xml", "name", "", "", device)));
-    EXPECT_EQ(r.result(), 0);
-    r = decode(qorcfg::daemon::answer(ram, nullptr,
-                                      request_record(2, current_config, "name", "", "", device)));
-    EXPECT_EQ(r.result(), -1);
-    r = decode(qorcfg::daemon::answer(ram, nullptr,
-                                      request_record(3, current_config, "", "vlan", "", -1)));
-    EXPECT_EQ(r.result(), -1);
-    r = decode(qorcfg::daemon::answer(nullptr, current,
-                                      request_record(2, current_config, "name", "", "", device)));
-    EXPECT_EQ(r.result(), 0);
-    EXPECT_EQ(r.records, (Attrs{{"name", "AP-1", -1}}));
+              answer(2, "name", "", "", device));
 }
 
-TEST_F(DaemonAnswer, ValuesAreCutAsTheLocalReadCutsThem) {
+// Values are cut as the local read cuts them (a list carries the whole
+// value, as the local list does); long lists split into chunks at attribute
+// boundaries; an attribute too long for a chunk sends the client to the file.
+TEST_F(DaemonAnswer, LongValuesAndListsAsTheLocalReadGivesThem) {
+    const auto reparse = [&](const std::string &config) {
+        sandbox.write("/tmp/config.xml", config);
+        close_qorcfg(ram);
+        ram = parsed(config_ram);
+    };
     std::string config = kSmallConfig;
     const std::string long_value(300, 'v');
-    config.replace(config.find("desc=\"lab\""), 10, "desc=\"" + long_value + "\"");
-    sandbox.write("/tmp/config.xml", config);
-    close_qorcfg(ram);
-    ram = parsed(config_ram);
-    ASSERT_NE(ram, nullptr);
+    reparse(config.replace(config.find("desc=\"lab\""), 10, "desc=\"" + long_value + "\""));
     Reply r = decode(answer(QORCFG_REQ_BY_NAME, "desc", "sys_device", "", -1));
-    ASSERT_EQ(r.records.size(), 1u);
-    EXPECT_EQ(std::get<1>(r.records[0]), std::string(255, 'v'));
-    // A list carries the whole value, as the local list does.
+    EXPECT_EQ(r.records, (Attrs{{"desc", std::string(255, 'v'), -1}}));
     r = decode(answer(QORCFG_REQ_BY_NAME, "", "sys_device", "", -1));
     EXPECT_EQ(r.records, attrs(get_attr_list_by_group_name_direct(ram, "sys_device", nullptr)));
     EXPECT_EQ(std::get<1>(r.records.at(1)), long_value);
-}
 
-TEST_F(DaemonAnswer, LongListsSplitIntoChunksAtAttributeBoundaries) {
-    sandbox.write("/tmp/config.xml", config_with_vlan_entries(400));
-    close_qorcfg(ram);
-    ram = parsed(config_ram);
-    ASSERT_NE(ram, nullptr);
+    reparse(config.replace(config.find(long_value), 300, std::string(5000, 'x')));
+    r = decode(answer(QORCFG_REQ_BY_NAME, "", "sys_device", "", -1));
+    ASSERT_TRUE(r.well_formed) << r.problem;
+    EXPECT_EQ(r.result(), qorcfg::daemon::kNotExpressible);
+    EXPECT_TRUE(r.records.empty());
+
+    reparse(config_with_vlan_entries(400));
     const uint32_t vlan = gid_of("vlan");
     std::string bytes = answer(QORCFG_REQ_BY_GID, "", "", "", static_cast<int32_t>(vlan));
-    Reply r = decode(bytes);
+    r = decode(bytes);
     ASSERT_TRUE(r.well_formed) << r.problem;
     EXPECT_GT(r.chunks(), 3u);
-    for (size_t i = 0; i < r.chunks(); ++i) {
-        EXPECT_EQ(r.flags[i], qorcfg::daemon::kMoreChunks) << "chunk " << i;
-        EXPECT_EQ(r.results[i], 0);
-    }
+    EXPECT_EQ(r.flags, std::vector<uint32_t>(r.chunks(), qorcfg::daemon::kMoreChunks));
+    EXPECT_EQ(r.results, std::vector<int32_t>(r.chunks(), 0));
     EXPECT_EQ(r.records, attrs(get_attr_list_by_gid_direct(ram, vlan, nullptr)));
     // Every chunk starts with a name record right after its header: a value
     // or an index never begins a chunk.
     for (size_t base = 0; base < bytes.size(); base += kChunk)
         EXPECT_EQ(bytes[base + 15], 3) << "chunk at " << base;
-}
-
-TEST_F(DaemonAnswer, AnAttributeTooLongForAChunkSendsTheClientToTheFile) {
-    std::string config = kSmallConfig;
-    config.replace(config.find("desc=\"lab\""), 10, "desc=\"" + std::string(5000, 'x') + "\"");
-    sandbox.write("/tmp/config.xml", config);
-    close_qorcfg(ram);
-    ram = parsed(config_ram);
-    ASSERT_NE(ram, nullptr);
-    Reply r = decode(answer(QORCFG_REQ_BY_NAME, "", "sys_device", "", -1));
-    ASSERT_TRUE(r.well_formed) << r.problem;
-    EXPECT_EQ(r.result(), qorcfg::daemon::kNotExpressible);
-    EXPECT_TRUE(r.records.empty());
 }
 
 TEST_F(DaemonAnswer, PathReadsNeverWaitForAWritersLock) {
@@ -1125,40 +1106,53 @@ TEST_F(DaemonRobustness, ClientsThatLeaveEarlyAreForgotten) {
     EXPECT_TRUE(wait_until([&] { return daemon->server().clients() == 0; }));
 }
 
-TEST_F(DaemonRobustness, ASlowReaderGetsItsWholeReplyWhileOthersAreServed) {
-    // A reply far larger than a socket's buffer: the daemon must wait for
-    // the reader, not block on it.
+// A reply far larger than a socket's buffer: the daemon must wait for the
+// reader, not block on it, and serve others meanwhile. A reader cut off
+// mid-reply would see a short list (the close ends a reply), so a waiting
+// reader outlives newer clients that sent nothing when room is made.
+TEST_F(DaemonRobustness, ASlowReaderGetsItsWholeReplyWhileOthersAreServedOrDropped) {
     install_sample(sandbox, config_with_vlan_entries(12000));
     qorcfg_handle *local = parsed(config_ram);
-    ASSERT_NE(local, nullptr);
     const uint32_t vlan = gid_of("vlan");
     const Attrs want = attrs(get_attr_list_by_gid_direct(local, vlan, nullptr));
     close_qorcfg(local);
-    ThreadDaemon d;
-    ASSERT_TRUE(d.started());
-
-    int reader = connect_raw();
-    ASSERT_GE(reader, 0);
-    ASSERT_TRUE(send_all(reader, request_bytes(QORCFG_REQ_BY_GID, config_ram, "", "", "",
-                                               static_cast<int32_t>(vlan))));
-    // The first chunk is there; the daemon, on one thread, turns to the next
-    // client only after the reader's socket is full.
-    ASSERT_TRUE(readable(reader, 60s));
-    for (int i = 0; i < 5; ++i) {
-        Reply r = decode(
-            exchange(request_bytes(QORCFG_REQ_BY_NAME, config_ram, "name", "sys_device", "", -1)));
-        EXPECT_EQ(r.records, (Attrs{{"name", "AP-Lab-01", -1}}));
+    for (bool crowded : {false, true}) {
+        ThreadDaemon d(crowded ? Options{3, 60s} : Options{});
+        ASSERT_TRUE(d.started());
+        int reader = connect_raw();
+        ASSERT_TRUE(send_all(reader, request_bytes(QORCFG_REQ_BY_GID, config_ram, "", "", "",
+                                                   static_cast<int32_t>(vlan))));
+        // The first chunk is there; the daemon, on one thread, turns to the
+        // next client only after the reader's socket is full.
+        ASSERT_TRUE(readable(reader, 60s));
+        std::vector<int> silent;
+        for (int i = 0; i < 5 && !crowded; ++i) {
+            Reply r = decode(exchange(
+                request_bytes(QORCFG_REQ_BY_NAME, config_ram, "name", "sys_device", "", -1)));
+            EXPECT_EQ(r.records, (Attrs{{"name", "AP-Lab-01", -1}}));
+        }
+        if (!crowded) {
+            EXPECT_TRUE(wait_until([&] { return d.server().clients() == 1; }));  // still served
+        }
+        for (int i = 0; i < 3 && crowded; ++i)
+            silent.push_back(connect_raw());  // accepted in this order
+        if (crowded) {
+            // The third silent client took the room of the first, not the reader's.
+            EXPECT_TRUE(readable(silent[0], 60s));
+            char byte;
+            EXPECT_EQ(::recv(silent[0], &byte, 1, 0), 0);
+        }
+        bool closed = false;
+        const std::string bytes = read_to_end(reader, &closed, 60s);
+        ::close(reader);
+        EXPECT_TRUE(closed);
+        Reply r = decode(bytes);
+        ASSERT_TRUE(r.well_formed) << r.problem;
+        EXPECT_GT(bytes.size(), 400000u);
+        EXPECT_EQ(r.records, want);
+        for (int fd : silent)
+            ::close(fd);
     }
-    // The reader is still being served.
-    EXPECT_TRUE(wait_until([&] { return d.server().clients() == 1; }));
-    bool closed = false;
-    std::string bytes = read_to_end(reader, &closed, 60s);
-    ::close(reader);
-    EXPECT_TRUE(closed);
-    Reply r = decode(bytes);
-    ASSERT_TRUE(r.well_formed) << r.problem;
-    EXPECT_GT(bytes.size(), 400000u);
-    EXPECT_EQ(r.records, want);
 }
 
 TEST_F(DaemonRobustness, IdleClientsAreDropped) {
@@ -1173,41 +1167,6 @@ TEST_F(DaemonRobustness, IdleClientsAreDropped) {
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 250ms);
     ::close(idle);
     expect_served();
-}
-
-TEST_F(DaemonRobustness, RoomIsMadeFromClientsStillSendingBeforeReaders) {
-    // A reader cut off mid-reply would see a short list (the close ends a
-    // reply), so a waiting reader outlives newer clients that sent nothing.
-    install_sample(sandbox, config_with_vlan_entries(12000));
-    qorcfg_handle *local = parsed(config_ram);
-    ASSERT_NE(local, nullptr);
-    const uint32_t vlan = gid_of("vlan");
-    const Attrs want = attrs(get_attr_list_by_gid_direct(local, vlan, nullptr));
-    close_qorcfg(local);
-    ThreadDaemon d(Options{3, 60s});
-    ASSERT_TRUE(d.started());
-    int reader = connect_raw();
-    ASSERT_GE(reader, 0);
-    ASSERT_TRUE(send_all(reader, request_bytes(QORCFG_REQ_BY_GID, config_ram, "", "", "",
-                                               static_cast<int32_t>(vlan))));
-    ASSERT_TRUE(readable(reader, 60s));  // answered; the rest waits for the reader
-    std::vector<int> silent;
-    for (int i = 0; i < 3; ++i) {
-        silent.push_back(connect_raw());  // accepted in this order
-        ASSERT_GE(silent.back(), 0);
-    }
-    // The third silent client took the room of the first, not the reader's.
-    EXPECT_TRUE(readable(silent[0], 60s));
-    char byte;
-    EXPECT_EQ(::recv(silent[0], &byte, 1, 0), 0);
-    bool closed = false;
-    Reply r = decode(read_to_end(reader, &closed, 60s));
-    EXPECT_TRUE(closed);
-    ASSERT_TRUE(r.well_formed) << r.problem;
-    EXPECT_EQ(r.records, want);
-    ::close(reader);
-    for (int fd : silent)
-        ::close(fd);
 }
 
 TEST_F(DaemonRobustness, PastTheLimitTheLongestIdleClientMakesRoom) {
