@@ -89,11 +89,25 @@ TEST_F(LookupTest, EveryFormReportsItsResultValueAndMessage) {
     sandbox.write("/tmp/odd.xml", "<qorconfig devtype=\"first\" version=\"second\" third=\"3\"/>");
     Handle odd = open_file("/tmp/odd.xml");
     qorcfg_handle none{};  // a handle without a tree
+    qorcfg_handle *W = whole.get(), *dv = dev.get(), *ac = acc.get(), *od = odd.get(), *no = &none;
     const std::string deep(3000, 'd'),
         by_id = "get_cfg_item_direct>", by_name = "get_cfg_item_by_str_direct>",
-        returned = "return value of calling get_cfg_item_by_prefix_direct() = ",
-        nope = kCore + "Can't find the item_name=qorconfig.system.device.nope\n";
+        returned = "return value of calling get_cfg_item_by_prefix_direct() = ";
     const std::string deep_item = deep + ".x";
+    // Results: a value, or -1 for a missing node and -4 for a missing item
+    // with the core's message.
+    const auto ok = [](const char *value) { return Read{0, value, ""}; };
+    const auto no_node = [](const std::string &node) {
+        return Read{-1, "", kCore + "Can't find node=" + node + "\n"};
+    };
+    const auto no_item = [](const std::string &item) {
+        return Read{-4, "", kCore + "Can't find the item_name=" + item + "\n"};
+    };
+    const std::string nope = no_item("qorconfig.system.device.nope").err,
+                      id_err = by_id + "Can't find group ID=",
+                      name_err = by_name + "Can't find group name=",
+                      gs = "get_cfg_item_s>Can't find the gid=",
+                      ss = "get_cfg_item_by_str_s>Can't find the item_name=";
     const struct {
         const char *form;
         qorcfg_handle *h;
@@ -102,155 +116,80 @@ TEST_F(LookupTest, EveryFormReportsItsResultValueAndMessage) {
         Read want;  // the buffer starts as "junk"
     } cases[] = {
         // The core read: a group name or any dotted path stands for its path.
-        {"P", whole.get(), 0, "qorconfig", "system.device.name", {0, "AP-Lab-01", ""}},
-        {"P", whole.get(), 0, "sys_device", "name", {0, "AP-Lab-01", ""}},
-        {"P", whole.get(), 0, "qorconfig.system.device", "name", {0, "AP-Lab-01", ""}},
-        {"P", whole.get(), 0, "qorconfig.system", "device.name", {0, "AP-Lab-01", ""}},
-        {"P", whole.get(), 0, "mgmt_accounts", "account:1.user", {0, "operator", ""}},
-        {"P", whole.get(), 0, "qorconfig", "version", {0, "1.10.01", ""}},
-        {"P", whole.get(), 0, "qorconfig", "net.port:1.vlan:2.id", {0, "v12", ""}},
-        {"P", whole.get(), 0, "qorconfig", "net.port.vlan:1.id", {0, "v01", ""}},
-        {"P",
-         whole.get(),
-         0,
-         "qorconfig",
-         "net.port:1.vlan:3.id",
-         {-1, "", kCore + "Can't find node=qorconfig.net.port:1.vlan:3\n"}},
-        {"P",
-         whole.get(),
-         0,
-         "qorconfig",
-         "net.port:x1.id",
-         {-1, "", kCore + "Can't find node=qorconfig.net.port:x1\n"}},
-        {"P",
-         whole.get(),
-         0,
-         "system",
-         "device.name",
-         {-1, "", kCore + "Can't find node=system.device\n"}},
-        {"P",
-         whole.get(),
-         0,
-         "no_such_group",
-         "name",
-         {-1, "", kCore + "Can't find node=no_such_group\n"}},
-        {"P",
-         whole.get(),
-         0,
-         "qorconfig",
-         deep_item.c_str(),
-         {-1, "", kCore + "Can't find node=qorconfig." + deep + "\n"}},
-        {"P", whole.get(), 0, "sys_device", "nope", {-4, "", nope}},
-        {"P",
-         whole.get(),
-         0,
-         "qorconfig",
-         "net.port:2.speed",
-         {-4, "", kCore + "Can't find the item_name=qorconfig.net.port:2.speed\n"}},
-        {"P",
-         whole.get(),
-         0,
-         "qorconfig",
-         "net.port:1",
-         {-4, "", kCore + "Can't find the item_name=qorconfig.net.port:1\n"}},
-        {"P",
-         whole.get(),
-         0,
-         "qorconfig",
-         "net.mode",
-         {-4, "", kCore + "Can't find the item_name=qorconfig.net.mode\n"}},
-        {"P", whole.get(), 0, nullptr, "name", {-3, "", ""}},
-        {"P", whole.get(), 0, "sys_device", nullptr, {-4, "", ""}},
+        {"P", W, 0, "qorconfig", "system.device.name", ok("AP-Lab-01")},
+        {"P", W, 0, "sys_device", "name", ok("AP-Lab-01")},
+        {"P", W, 0, "qorconfig.system.device", "name", ok("AP-Lab-01")},
+        {"P", W, 0, "qorconfig.system", "device.name", ok("AP-Lab-01")},
+        {"P", W, 0, "mgmt_accounts", "account:1.user", ok("operator")},
+        {"P", W, 0, "qorconfig", "version", ok("1.10.01")},
+        {"P", W, 0, "qorconfig", "net.port:1.vlan:2.id", ok("v12")},
+        {"P", W, 0, "qorconfig", "net.port.vlan:1.id", ok("v01")},
+        {"P", W, 0, "qorconfig", "net.port:1.vlan:3.id", no_node("qorconfig.net.port:1.vlan:3")},
+        {"P", W, 0, "qorconfig", "net.port:x1.id", no_node("qorconfig.net.port:x1")},
+        {"P", W, 0, "system", "device.name", no_node("system.device")},
+        {"P", W, 0, "no_such_group", "name", no_node("no_such_group")},
+        {"P", W, 0, "qorconfig", deep_item.c_str(), no_node("qorconfig." + deep)},
+        {"P", W, 0, "sys_device", "nope", {-4, "", nope}},
+        {"P", W, 0, "qorconfig", "net.port:2.speed", no_item("qorconfig.net.port:2.speed")},
+        {"P", W, 0, "qorconfig", "net.port:1", no_item("qorconfig.net.port:1")},
+        {"P", W, 0, "qorconfig", "net.mode", no_item("qorconfig.net.mode")},
+        {"P", W, 0, nullptr, "name", {-3, "", ""}},
+        {"P", W, 0, "sys_device", nullptr, {-4, "", ""}},
         {"P", nullptr, 0, nullptr, nullptr, {-1, "", ""}},
         // By group ID and name: the core result, reported once more.
-        {"D", whole.get(), kAccounts, nullptr, "account:1.user", {0, "operator", ""}},
+        {"D", W, kAccounts, nullptr, "account:1.user", ok("operator")},
+        {"D", W, 0x12345678, nullptr, "name", {-3, "", id_err + "305419896\n"}},
+        {"D", W, 0xF0000000u, nullptr, "name", {-3, "", id_err + "-268435456\n"}},
+        {"D", W, kSysDevice, nullptr, "nope", {-4, "", nope + by_id + returned + "-4\n"}},
         {"D",
-         whole.get(),
-         0x12345678,
-         nullptr,
-         "name",
-         {-3, "", by_id + "Can't find group ID=305419896\n"}},
-        {"D",
-         whole.get(),
-         0xF0000000u,
-         nullptr,
-         "name",
-         {-3, "", by_id + "Can't find group ID=-268435456\n"}},
-        {"D", whole.get(), kSysDevice, nullptr, "nope", {-4, "", nope + by_id + returned + "-4\n"}},
-        {"D",
-         whole.get(),
+         W,
          kRf2,
          nullptr,
          "channel",
-         {-1, "", kCore + "Can't find node=qorconfig.wlan.rf2\n" + by_id + returned + "-1\n"}},
-        {"D", whole.get(), kSysDevice, nullptr, nullptr, {-4, "", by_id + returned + "-4\n"}},
+         {-1, "", no_node("qorconfig.wlan.rf2").err + by_id + returned + "-1\n"}},
+        {"D", W, kSysDevice, nullptr, nullptr, {-4, "", by_id + returned + "-4\n"}},
         {"D", nullptr, kSysDevice, nullptr, "name", {-1, "", ""}},
-        {"SD", whole.get(), 0, "sys_device", "name", {0, "AP-Lab-01", ""}},
-        {"SD",
-         whole.get(),
-         0,
-         "no_such",
-         "name",
-         {-3, "", by_name + "Can't find group name=no_such\n"}},
-        {"SD",
-         whole.get(),
-         0,
-         "0x00",
-         "version",
-         {-3, "", by_name + "Can't find group name=0x00\n"}},
-        {"SD", whole.get(), 0, "sys_device", "nope", {-4, "", nope + by_name + returned + "-4\n"}},
+        {"SD", W, 0, "sys_device", "name", ok("AP-Lab-01")},
+        {"SD", W, 0, "no_such", "name", {-3, "", name_err + "no_such\n"}},
+        {"SD", W, 0, "0x00", "version", {-3, "", name_err + "0x00\n"}},
+        {"SD", W, 0, "sys_device", "nope", {-4, "", nope + by_name + returned + "-4\n"}},
         {"SD", nullptr, 0, "x", "name", {-1, "", ""}},
         // The root's identity items are its first two attributes, by
         // position, and reversed by name ("0"/"0x0").
-        {"D", odd.get(), 0, nullptr, "version", {0, "first", ""}},
-        {"G", odd.get(), 0, nullptr, "devtype", {0, "second", ""}},
-        {"D", odd.get(), 0, nullptr, "third", {-4, "", ""}},
-        {"SD", odd.get(), 0, "0", "devtype", {0, "first", ""}},
-        {"S", odd.get(), 0, "0", "version", {0, "second", ""}},
-        {"SD", odd.get(), 0, "0x0", "version", {0, "second", ""}},
-        {"S", odd.get(), 0, "0x0", "devtype", {0, "first", ""}},
-        {"SD", odd.get(), 0, "0", "third", {-4, "", ""}},
+        {"D", od, 0, nullptr, "version", ok("first")},
+        {"G", od, 0, nullptr, "devtype", ok("second")},
+        {"D", od, 0, nullptr, "third", {-4, "", ""}},
+        {"SD", od, 0, "0", "devtype", ok("first")},
+        {"S", od, 0, "0", "version", ok("second")},
+        {"SD", od, 0, "0x0", "version", ok("second")},
+        {"S", od, 0, "0x0", "devtype", ok("first")},
+        {"SD", od, 0, "0", "third", {-4, "", ""}},
         // The sub-tree forms read the top element of their handle; the ID
         // selects nothing, and there is no path walk by ID.
-        {"GS", dev.get(), kSysDevice, nullptr, "name", {0, "AP-Lab-01", ""}},
-        {"GS", dev.get(), kRf2, nullptr, "name", {0, "AP-Lab-01", ""}},
+        {"GS", dv, kSysDevice, nullptr, "name", ok("AP-Lab-01")},
+        {"GS", dv, kRf2, nullptr, "name", ok("AP-Lab-01")},
+        {"GS", dv, kSysDevice, nullptr, "nope", {-4, "", gs + "134742016 item_name=nope\n"}},
         {"GS",
-         dev.get(),
-         kSysDevice,
-         nullptr,
-         "nope",
-         {-4, "", "get_cfg_item_s>Can't find the gid=134742016 item_name=nope\n"}},
-        {"GS",
-         acc.get(),
+         ac,
          kAccounts,
          nullptr,
          "account.user",
-         {-4, "", "get_cfg_item_s>Can't find the gid=403177472 item_name=account.user\n"}},
-        {"SS", dev.get(), 0, "sys_device", "name", {0, "AP-Lab-01", ""}},
-        {"SS",
-         dev.get(),
-         0,
-         "sys_device",
-         "nope",
-         {-4, "junk", "get_cfg_item_by_str_s>Can't find the item_name=sys_device.nope\n"}},
-        {"PG", acc.get(), 0, "x", "account:1.user", {0, "operator", ""}},
-        {"PS", acc.get(), 0, "x", "max", {0, "8", ""}},
-        {"PG",
-         acc.get(),
-         0,
-         "x",
-         "account:1.nope",
-         {-4, "", kCore + "Can't find the item_name=accounts.account:1.nope\n"}},
+         {-4, "", gs + "403177472 item_name=account.user\n"}},
+        {"SS", dv, 0, "sys_device", "name", ok("AP-Lab-01")},
+        {"SS", dv, 0, "sys_device", "nope", {-4, "junk", ss + "sys_device.nope\n"}},
+        {"PG", ac, 0, "x", "account:1.user", ok("operator")},
+        {"PS", ac, 0, "x", "max", ok("8")},
+        {"PG", ac, 0, "x", "account:1.nope", no_item("accounts.account:1.nope")},
         // No handle, or one without a tree; only some forms clear the buffer first.
         {"G", nullptr, kSysDevice, nullptr, "name", {-1, "", ""}},
         {"S", nullptr, 0, "sys_device", "name", {-1, "junk", ""}},
         {"GS", nullptr, kSysDevice, nullptr, "name", {-1, "", ""}},
         {"SS", nullptr, 0, "sys_device", "name", {-1, "junk", ""}},
-        {"G", &none, kSysDevice, nullptr, "name", {-1, "", ""}},
-        {"GS", &none, kSysDevice, nullptr, "name", {-1, "", ""}},
-        {"SS", &none, 0, "sys_device", "name", {-1, "junk", ""}},
+        {"G", no, kSysDevice, nullptr, "name", {-1, "", ""}},
+        {"GS", no, kSysDevice, nullptr, "name", {-1, "", ""}},
+        {"SS", no, 0, "sys_device", "name", {-1, "junk", ""}},
         {"PG", nullptr, 0, "x", "name", {-1, "junk", ""}},
-        {"PS", &none, 0, "x", "name", {-1, "junk", ""}},
+        {"PS", no, 0, "x", "name", {-1, "junk", ""}},
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         const auto &c = cases[i];
@@ -259,17 +198,14 @@ TEST_F(LookupTest, EveryFormReportsItsResultValueAndMessage) {
             c.want)
             << "case " << i << " " << c.form << " " << (c.item ? c.item : "(null)");
     }
-    EXPECT_EQ(get_cfg_item_by_prefix_direct(whole.get(), "sys_device", "name", nullptr), -4);
+    EXPECT_EQ(get_cfg_item_by_prefix_direct(W, "sys_device", "name", nullptr), -4);
     qorcfg::os::fail_nth(Call::alloc, 1, ENOMEM);
-    EXPECT_EQ(read_value([&](char *v) {
-                  return read_form("P", whole.get(), 0, "qorconfig", "version", v);
-              }),
+    EXPECT_EQ(read_value([&](char *v) { return read_form("P", W, 0, "qorconfig", "version", v); }),
               (Read{-2, "", kCore + "full_item_name malloc error\n"}));
     // Debug lines name the function (its source line aside).
     set_qorcfg_debug(1);
-    std::string lines = read_value([&](char *v) {
-                            return read_form("P", whole.get(), 0, "sys_device", "name", v);
-                        }).err;
+    std::string lines =
+        read_value([&](char *v) { return read_form("P", W, 0, "sys_device", "name", v); }).err;
     for (size_t at = 0; (at = lines.find("<DEBUG:", at)) != std::string::npos; ++at) {
         const size_t number = lines.find(':', at + 7) + 1;
         lines.erase(number, lines.find('>', number) - number);
@@ -284,7 +220,7 @@ TEST_F(LookupTest, EveryFormReportsItsResultValueAndMessage) {
     // terminating zero is not written.
     for (const char *form : {"P", "D", "SD", "G", "S", "GS", "SS", "PG"}) {
         const std::string f = form;
-        qorcfg_handle *h = f == "GS" || f == "SS" || f == "PG" ? dev.get() : whole.get();
+        qorcfg_handle *h = f == "GS" || f == "SS" || f == "PG" ? dev.get() : W;
         char value[600];
         std::memset(value, 'X', sizeof value);
         EXPECT_EQ(read_form(form, h, kSysDevice, "sys_device", "desc", value), 0) << form;
