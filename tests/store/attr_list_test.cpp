@@ -3,35 +3,14 @@
 // prefix readers with their flags and sub-paths, the daemon-first forms with
 // their requests, chunked replies and fallbacks, deep walks, allocation
 // failures and freeing.
-#include <unistd.h>
-#if defined(__GLIBC__)
-#include <malloc.h>
-#endif
-
-#include <cerrno>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <iterator>
-#include <memory>
-#include <string>
-#include <tuple>
 #include <type_traits>
-#include <vector>
 
-#include "os/os.h"
-#include "qorcfg.h"
-#include "store/platform.h"
 #include "tests/support/daemon_wire.h"
-#include "tests/support/sandbox.h"
+#include "tests/support/fixtures.h"
 
 namespace {
 
-using qorcfg::os::Call;
-using qorcfg::test::CaptureOutput;
-using Handle = std::unique_ptr<qorcfg_handle, decltype(&close_qorcfg)>;
-using Attrs = std::vector<std::tuple<std::string, std::string, int>>;
+using namespace qorcfg::test;
 using Read = std::function<qorcfg_attr *(qorcfg_handle *)>;
 
 constexpr uint32_t kAccounts = 0x18080000;  // mgmt_accounts: qorconfig.mgmt.accounts
@@ -86,16 +65,6 @@ const Attrs kOperatorKeys = {{"user", "operator", -1}, {"level", "2", -1}, {"id"
 const Attrs kAdminKeys = cat(kAdmin, {{"id", "k0", 0}, {"id", "k1", 1}});
 const Attrs kFromDaemon = {{"ssid", "Lab-Corp", 0}, {"vlan", "10", -1}};
 
-// The records of a list, which is then freed; an empty vector for none.
-Attrs attrs(qorcfg_attr *list) {
-    Attrs out;
-    for (qorcfg_attr *a = list; a != nullptr; a = a->next)
-        out.emplace_back(a->name != nullptr ? a->name : "(null)",
-                         a->value != nullptr ? a->value : "(null)", a->index);
-    EXPECT_EQ(free_attr_list(list), 0);
-    return out;
-}
-
 // A reader bound to its arguments (converted to the parameter types), for tables.
 template <class... A>
 Read call(qorcfg_attr *(*read)(qorcfg_handle *, A...), std::type_identity_t<A>... args) {
@@ -116,35 +85,7 @@ constexpr auto prefix = &get_attr_list_by_prefix;
 constexpr auto prefix_s = &get_attr_list_by_prefix_s;
 }  // namespace rd
 
-// Bytes the C heap has handed out and not taken back (0 where unknown).
-size_t heap_in_use() {
-#if defined(__GLIBC__) && (__GLIBC__ > 2 || __GLIBC_MINOR__ >= 33)
-    return mallinfo2().uordblks;
-#else
-    return 0;
-#endif
-}
-
-// Runs `once` 40 times; true when the heap grew by 256 bytes or more both over the
-// second and over the third 16 runs. Leaking any block on every run does that, while
-// the allocator's caches settle after a few runs.
-bool leaks(const std::function<void()> &once) {
-    size_t mark[3] = {};
-    for (int run = 1; run <= 40; ++run) {
-        once();
-        if (run % 16 == 8)
-            mark[run / 16] = heap_in_use();
-    }
-    return mark[1] >= mark[0] + 256 && mark[2] >= mark[1] + 256;
-}
-
 // ---- the daemon's byte formats ----------------------------------------------------
-
-using qorcfg::test::FakeDaemon;
-using qorcfg::test::header;
-using qorcfg::test::index_record;
-using qorcfg::test::kEnd;
-using qorcfg::test::text_record;
 
 std::string rec(const std::string &name, const std::string &value, int32_t index = -1) {
     return text_record(3, name) + text_record(4, value) + (index == -1 ? "" : index_record(index));
@@ -157,7 +98,7 @@ std::string request(uint32_t code, const std::string &file, const std::string &n
     return qorcfg::test::request(code, file, "", name, path, gid);
 }
 
-class AttrListTest : public qorcfg::test::SandboxTest {
+class AttrListTest : public SandboxTest {
 protected:
     void SetUp() override {
         setenv("QORCFG_PRINT_ERR", "1", 1);
@@ -193,9 +134,15 @@ void expect_cases(qorcfg_handle *h, const std::vector<Case> &cases) {
 
 // ---- local reads ------------------------------------------------------------------
 
-TEST_F(AttrListTest, WalkVisitsChildrenThenSameNameThenSiblingsAndSkipsGroups) {
+// The walk visits children, then same-name elements, then siblings, and
+// skips the elements of other groups; flags, sub-paths and the root forms
+// follow each reader.
+TEST_F(AttrListTest, WalkFlagsSubPathsAndRootFormsFollowEachReader) {
     Handle h = local();
+    Handle sub(init_sub_qorcfg("mgmt_accounts", 0, config_rom), &close_qorcfg);
     ASSERT_NE(h, nullptr);
+    ASSERT_NE(sub, nullptr);
+    ASSERT_STREQ(sub->xml->name, "accounts");
     const Attrs rf1 = {{"state", "enable", -1}, {"channel", "6", -1}, {"mode", "20", -1}};
     const std::vector<Case> cases = {
         // "session" (a group), "sess" (inside a group's path) and "x:5" (a colon and
@@ -224,17 +171,6 @@ TEST_F(AttrListTest, WalkVisitsChildrenThenSameNameThenSiblingsAndSkipsGroups) {
         {"qorconfig prefix",
          call(rd::prefix_f, "qorconfig", "mgmt.syslog", 1),
          {{"state", "enable", -1}, {"level", "6", -1}}},
-    };
-    expect_cases(h.get(), cases);
-}
-
-TEST_F(AttrListTest, FlagsSubPathsAndRootFormsFollowEachReader) {
-    Handle h = local();
-    Handle sub(init_sub_qorcfg("mgmt_accounts", 0, config_rom), &close_qorcfg);
-    ASSERT_NE(h, nullptr);
-    ASSERT_NE(sub, nullptr);
-    ASSERT_STREQ(sub->xml->name, "accounts");
-    const std::vector<Case> cases = {
         {"gid flags 0", call(rd::gid_f, kAccounts, nullptr, 0), kWalk},
         {"gid flags 4", call(rd::gid_f, kAccounts, nullptr, 4), kOwn},
         // The group-name reader keeps only bit value 1 of the flags.
@@ -371,57 +307,29 @@ TEST_F(AttrListTest, FailuresGiveNullWithoutMessages) {
         EXPECT_EQ(list, nullptr);
         free_attr_list(list);
     }
-    EXPECT_EQ(free_attr_list(nullptr), 0);
 }
 
-TEST_F(AttrListTest, AllocationFailuresGiveNullAndLeakNothing) {
+// Records come from the failable allocator; a failure gives no list and
+// leaks nothing (the asan preset's leak checker sees every block).
+TEST_F(AttrListTest, AllocationFailuresGiveNull) {
     Handle h = local();
-    ASSERT_NE(h, nullptr);
-    const Read reads[] = {call(rd::gid_d, kAccounts, nullptr), call(rd::gid_d, 0, nullptr),
-                          call(rd::name_d, "0x0", nullptr),
-                          call(rd::prefix_f, "lan_dhcp", "static", 0)};
-    for (size_t r = 0; r < std::size(reads); ++r) {
-        SCOPED_TRACE("read " + std::to_string(r));
-        const Attrs want = attrs(reads[r](h.get()));
-        ASSERT_FALSE(want.empty());
-        unsigned failed = 0;
-        bool done = false;
-        for (unsigned n = 1; n < 1000 && !done; ++n) {
-            qorcfg::os::fail_nth(Call::alloc, n, ENOMEM);
-            qorcfg_attr *list = reads[r](h.get());
-            qorcfg::os::reset_faults();
-            if ((done = list != nullptr)) {
-                EXPECT_EQ(attrs(list), want);
-                continue;
-            }
-            ++failed;
-            int lists = 0;
-            EXPECT_FALSE(leaks([&] {
-                qorcfg::os::fail_nth(Call::alloc, n, ENOMEM);
-                qorcfg_attr *again = reads[r](h.get());
-                qorcfg::os::reset_faults();
-                lists += again != nullptr;
-                free_attr_list(again);
-            })) << "allocation "
-                << n;
-            EXPECT_EQ(lists, 0) << "allocation " << n;
-        }
-        EXPECT_TRUE(done);
-        EXPECT_GE(failed, 1u);  // records come from the failable allocator
-    }
-
-    // free_attr_list releases names, values and records, missing texts included.
-    const auto build = [] {
+    for (const Read &read :
+         {call(rd::gid_d, kAccounts, nullptr), call(rd::gid_d, 0, nullptr),
+          call(rd::name_d, "0x0", nullptr), call(rd::prefix_f, "lan_dhcp", "static", 0)}) {
+        const Attrs want = attrs(read(h.get()));
         qorcfg_attr *list = nullptr;
-        for (int i = 0; i < 3; ++i) {
-            auto *a = static_cast<qorcfg_attr *>(std::malloc(sizeof(qorcfg_attr)));
-            *a = {i == 1 ? nullptr : strdup("name"),
-                  i == 2 ? nullptr : strdup(std::string(100, 'v').c_str()), i, list};
-            list = a;
-        }
-        return list;
-    };
-    EXPECT_FALSE(leaks([&] { EXPECT_EQ(free_attr_list(build()), 0); }));
+        EXPECT_GE(sweep_allocations([&] { return (list = read(h.get())) != nullptr; }), 1u);
+        EXPECT_EQ(attrs(list), want);
+    }
+    EXPECT_EQ(free_attr_list(nullptr), 0);
+    // free_attr_list releases names, values and records, missing texts included.
+    qorcfg_attr *list = nullptr;
+    for (int i = 0; i < 3; ++i) {
+        auto *a = static_cast<qorcfg_attr *>(std::malloc(sizeof(qorcfg_attr)));
+        *a = {i == 1 ? nullptr : strdup("name"), i == 2 ? nullptr : strdup("value"), i, list};
+        list = a;
+    }
+    EXPECT_EQ(free_attr_list(list), 0);
 }
 
 // ---- the daemon-first forms -------------------------------------------------------

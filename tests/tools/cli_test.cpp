@@ -17,26 +17,16 @@
 // Every line after "stdout:" up to "stderr:", and every line after
 // "stderr:", is expected exactly, with its line end. QORCFG_UPDATE_GOLDEN=1
 // in the environment rewrites the transcripts from the actual runs.
-#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <stdexcept>
-#include <string>
-#include <string_view>
-#include <vector>
 
-#include "tests/support/sandbox.h"
+#include "tests/support/fixtures.h"
 
 extern char **environ;
 
@@ -57,47 +47,40 @@ struct Result {
     std::string err;
 };
 
-std::string read_file(const fs::path &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-std::vector<std::string> split_spaces(const std::string &text) {
+// Splits a run line into words: spaces separate, '...' quotes.
+std::vector<std::string> parse_words(const std::string &line) {
     std::vector<std::string> words;
-    std::istringstream in(text);
-    for (std::string w; in >> w;)
-        words.push_back(w);
+    size_t i = 0;
+    while (i < line.size()) {
+        if (line[i] == ' ') {
+            ++i;
+            continue;
+        }
+        std::string word;
+        bool any = false;
+        while (i < line.size() && line[i] != ' ') {
+            if (line[i] == '\'') {
+                size_t end = line.find('\'', i + 1);
+                if (end == std::string::npos)
+                    throw std::runtime_error("unbalanced quote in: " + line);
+                word += line.substr(i + 1, end - i - 1);
+                i = end + 1;
+            } else {
+                word += line[i++];
+            }
+            any = true;
+        }
+        if (any)
+            words.push_back(word);
+    }
     return words;
 }
-
-// A scratch directory for one run's output files, outside the device root.
-class OutputDir {
-public:
-    OutputDir() {
-        std::string pattern = qorcfg::test::scratch_dir() + "/cli-XXXXXX";
-        if (::mkdtemp(pattern.data()) == nullptr)
-            throw std::runtime_error("cannot create an output directory");
-        dir_ = pattern;
-    }
-    ~OutputDir() {
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
-    OutputDir(const OutputDir &) = delete;
-    OutputDir &operator=(const OutputDir &) = delete;
-    const fs::path &path() const { return dir_; }
-
-private:
-    fs::path dir_;
-};
 
 // Runs "qorcfg --root ROOT ARGS..." with the caller's environment less
 // QORCFG_PRINT_ERR, plus `env`.
 Result run_cli(const std::string &root, const std::vector<std::string> &args,
                const std::vector<std::string> &env = {}) {
-    std::vector<std::string> words = split_spaces(QORCFG_EMULATOR);
+    std::vector<std::string> words = parse_words(QORCFG_EMULATOR);
     words.push_back(QORCFG_CLI);
     words.push_back("--root");
     words.push_back(root);
@@ -119,9 +102,8 @@ Result run_cli(const std::string &root, const std::vector<std::string> &args,
         envp.push_back(w.data());
     envp.push_back(nullptr);
 
-    OutputDir dir;
-    const std::string out = (dir.path() / "stdout").string();
-    const std::string err = (dir.path() / "stderr").string();
+    // The output files are siblings of the device root, not inside it.
+    const std::string out = root + ".stdout", err = root + ".stderr";
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
@@ -142,8 +124,10 @@ Result run_cli(const std::string &root, const std::vector<std::string> &args,
         result.status = WEXITSTATUS(wstatus);
     else if (WIFSIGNALED(wstatus))
         result.signal = WTERMSIG(wstatus);
-    result.out = read_file(out);
-    result.err = read_file(err);
+    result.out = qorcfg::test::read_file(out);
+    result.err = qorcfg::test::read_file(err);
+    std::remove(out.c_str());
+    std::remove(err.c_str());
     return result;
 }
 
@@ -177,35 +161,6 @@ struct Transcript {
     std::string out;
     std::string err;
 };
-
-// Splits a run line into words: spaces separate, '...' quotes.
-std::vector<std::string> parse_words(const std::string &line) {
-    std::vector<std::string> words;
-    size_t i = 0;
-    while (i < line.size()) {
-        if (line[i] == ' ') {
-            ++i;
-            continue;
-        }
-        std::string word;
-        bool any = false;
-        while (i < line.size() && line[i] != ' ') {
-            if (line[i] == '\'') {
-                size_t end = line.find('\'', i + 1);
-                if (end == std::string::npos)
-                    throw std::runtime_error("unbalanced quote in: " + line);
-                word += line.substr(i + 1, end - i - 1);
-                i = end + 1;
-            } else {
-                word += line[i++];
-            }
-            any = true;
-        }
-        if (any)
-            words.push_back(word);
-    }
-    return words;
-}
 
 fs::path golden_path(const std::string &name) {
     return fs::path(QORCFG_GOLDEN_DIR) / (name + ".txt");
@@ -272,41 +227,17 @@ void save_transcript(const std::string &name, const Transcript &t, const Result 
         << r.err;
 }
 
-// Every transcript in tests/tools/golden/.
-const char *const kTranscripts[] = {
-    "get_name",
-    "get_gid",
-    "get_root_identity",
-    "get_unknown_group",
-    "get_unknown_gid",
-    "get_unknown_item",
-    "get_unknown_item_quiet",
-    "get_path_element",
-    "get_path_attribute",
-    "get_path_unknown_element",
-    "get_path_unknown_attribute",
-    "show_list",
-    "show_gid",
-    "show_unknown_group",
-    "list_children",
-    "list_children_gid",
-    "list_children_none",
-    "list_children_unknown",
-    "groups",
-    "daemon_status_absent",
-    "usage_no_command",
-    "usage_unknown_command",
-    "usage_unknown_option",
-    "usage_missing_argument",
-    "usage_too_many_arguments",
-    "usage_bad_gid",
-    "usage_root_missing",
-    "usage_root_not_a_directory",
-    "help",
-    "help_short",
-};
+// Every transcript in tests/tools/golden/, by name.
+std::vector<std::string> transcripts() {
+    std::vector<std::string> names;
+    for (const auto &entry : fs::directory_iterator(QORCFG_GOLDEN_DIR))
+        if (entry.path().extension() == ".txt")
+            names.push_back(entry.path().stem().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
 
-class Golden : public ::testing::TestWithParam<const char *> {};
+class Golden : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(Golden, OutputErrorsAndStatusMatchTheTranscript) {
     const std::string name = GetParam();
@@ -328,9 +259,9 @@ TEST_P(Golden, OutputErrorsAndStatusMatchTheTranscript) {
     EXPECT_EQ(r.err, t.err);
 }
 
-INSTANTIATE_TEST_SUITE_P(Cli, Golden, ::testing::ValuesIn(kTranscripts),
-                         [](const ::testing::TestParamInfo<const char *> &param) {
-                             return std::string(param.param);
+INSTANTIATE_TEST_SUITE_P(Cli, Golden, ::testing::ValuesIn(transcripts()),
+                         [](const ::testing::TestParamInfo<std::string> &param) {
+                             return param.param;
                          });
 
 // ---- the device root ------------------------------------------------------------------
@@ -340,7 +271,8 @@ std::map<std::string, std::string> snapshot(const std::string &root) {
     std::map<std::string, std::string> files;
     for (const auto &entry : fs::recursive_directory_iterator(root)) {
         if (entry.is_regular_file())
-            files[fs::relative(entry.path(), root).string()] = read_file(entry.path());
+            files[fs::relative(entry.path(), root).string()] =
+                qorcfg::test::read_file(entry.path());
     }
     return files;
 }
