@@ -55,10 +55,11 @@ constexpr EscapeTable kEscapes = make_escapes();
 // and the result is NULL.
 class Out {
 public:
-    explicit Out(size_t cap = EZXML_BUFSIZE)
-        : buf_(static_cast<char *>(os::malloc(cap))), cap_(cap) {
-        if (buf_ != nullptr)
+    explicit Out(size_t cap = EZXML_BUFSIZE) : buf_(static_cast<char *>(os::malloc(cap))) {
+        if (buf_ != nullptr) {
             buf_[0] = '\0';
+            cap_ = cap;
+        }
     }
     ~Out() { std::free(buf_); }
 
@@ -150,6 +151,7 @@ private:
         if (grown == nullptr) {
             std::free(buf_);
             buf_ = nullptr;
+            cap_ = 0;
             return false;
         }
         buf_ = grown;
@@ -158,7 +160,7 @@ private:
     }
 
     char *buf_;
-    size_t cap_;
+    size_t cap_ = 0;  // 0 once an allocation failed: every write fails
     size_t len_ = 0;
 };
 

@@ -355,6 +355,14 @@ TEST(XmlWrite, ParsedDocumentsAreWrittenWithDefaultsAndInstructions) {
     EXPECT_EQ(xml_of(ezxml_child(p.root(), "b")), "<b k=\"kv\">Qor &amp; Co</b>");
     EXPECT_EQ(xml_of(ezxml_idx(ezxml_child(p.root(), "a"), 1)), "<a n=\"&quot;q&quot;\">in</a>");
     EXPECT_EQ(xml_of(p.root()), whole);  // the tree is left as it was
+    // Out of memory while writing: NULL, never a write through it.
+    EXPECT_GT(sweep_allocations([&] {
+                  char *text = ezxml_toxml(p.root());
+                  const bool written = text != nullptr && text == whole;
+                  std::free(text);
+                  return written;
+              }),
+              0u);
 
     // Round trips keep the tree (names, attributes, texts, offsets) and the text.
     for (const char *doc : {

@@ -405,9 +405,7 @@ TEST(XmlPrefix, ParsesOnlyTheElementAtADottedPath) {
         std::fclose(fp);
     }
 
-    // Allocation failures give NULL or a tree with an error. (The element is
-    // written out after the sweep: ezxml_toxml itself does not survive a
-    // failed allocation of its output buffer.)
+    // Allocation failures give NULL or a tree with an error.
     qorcfg::os::fail_nth(Call::alloc, 1, ENOMEM);  // the read buffer
     EXPECT_EQ(by_prefix(config, nullptr), "(none)");
     ezxml_node *last = nullptr;
