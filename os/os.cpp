@@ -43,6 +43,7 @@ struct State {
     std::string root;
     Runner *runner = nullptr;
     std::string socket_path = "/tmp/qorcfgd_socket";
+    std::chrono::milliseconds daemon_timeout = kDaemonTimeout;
     IoctlHandler ioctl_handler;
     Clock clock;
     std::array<Fault, static_cast<size_t>(Call::count_)> faults{};
@@ -487,6 +488,18 @@ const std::string &daemon_socket_path() {
     return state().socket_path;
 }
 
+void set_daemon_timeout(std::chrono::milliseconds limit) {
+    state().daemon_timeout = limit;
+}
+
+std::chrono::milliseconds daemon_timeout() {
+    return state().daemon_timeout;
+}
+
+int setsockopt(int fd, int level, int name, const void *value, socklen_t size) {
+    return ::setsockopt(fd, level, name, value, size);
+}
+
 int socket(int domain, int type, int protocol) {
     if (faulted(Call::socket))
         return -1;
@@ -604,6 +617,7 @@ void reset() {
         vq19ext_set_root("");
     s.runner = nullptr;
     s.socket_path = "/tmp/qorcfgd_socket";
+    s.daemon_timeout = kDaemonTimeout;
     s.ioctl_handler = nullptr;
     s.clock = nullptr;
     reset_faults();

@@ -23,6 +23,7 @@
 #include <sys/time.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <ctime>
@@ -156,6 +157,15 @@ int kill(pid_t pid, int sig);
 // changed; not prefixed with the root, since socket paths are short).
 void set_daemon_socket_path(std::string_view path);
 const std::string &daemon_socket_path();
+
+// How long a daemon query waits to connect, to send and for each part of
+// the reply before it counts as a transport failure (kDaemonTimeout unless
+// changed): a hung daemon must not hang its clients.
+inline constexpr std::chrono::milliseconds kDaemonTimeout{5000};
+void set_daemon_timeout(std::chrono::milliseconds limit);
+std::chrono::milliseconds daemon_timeout();
+
+int setsockopt(int fd, int level, int name, const void *value, socklen_t size);
 
 int socket(int domain, int type, int protocol);
 int connect(int fd, const struct sockaddr *addr, socklen_t len);

@@ -145,6 +145,14 @@ QORCFG_API int get_attr_from_daemon(qorcfg_daemon_request request, qorcfg_attr *
     os::Fd fd(os::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd)
         return QORCFG_ERR_DAEMON_SOCKET;
+    // Bounded waits (connect, send and each receive): a daemon that hangs,
+    // or waits for a lock this process holds, gives a transport failure and
+    // the caller reads the file itself.
+    const auto limit = os::daemon_timeout();
+    const timeval tv{static_cast<time_t>(limit.count() / 1000),
+                     static_cast<suseconds_t>(limit.count() % 1000 * 1000)};
+    os::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+    os::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     sockaddr_un addr;
     std::memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;

@@ -927,6 +927,44 @@ TEST_F(SandboxTest, ReloadServesTheChangedFile) {
     ASSERT_TRUE(daemon.reload());
     EXPECT_EQ(get_cfg_item_daemon(current_config, device, "name", value), 0);
     EXPECT_STREQ(value, "AP-Lab-01");
+
+    // While a writer holds the working copy's lock, a re-read waits for
+    // nothing: the daemon keeps answering from the trees it has (a daemon
+    // stuck on the lock would not answer this process, which holds it), and
+    // re-reads once the lock is free.
+    sandbox.write("/tmp/config.xml", renamed_config("AP-Locked"));
+    const int writer = lock_qorcfg(1, LOCK_EX);
+    ASSERT_GE(writer, 0);
+    daemon.server().request_reload();
+    EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "name", value), 0);
+    EXPECT_STREQ(value, "AP-Renamed");
+    EXPECT_EQ(daemon.server().reloads(), 3u);
+    unlock_qorcfg(writer);
+    EXPECT_TRUE(wait_until([&] { return daemon.server().reloads() == 4u; }));
+    EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "name", value), 0);
+    EXPECT_STREQ(value, "AP-Locked");
+}
+
+TEST_F(SandboxTest, AHungDaemonCostsAClientItsTimeLimitThenTheFile) {
+    install_sample(sandbox);
+    // A socket that accepts (the backlog does) and never answers.
+    const std::string &path = qorcfg::os::daemon_socket_path();
+    int hung = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    ASSERT_EQ(::bind(hung, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    ASSERT_EQ(::listen(hung, 8), 0);
+    qorcfg::os::set_daemon_timeout(200ms);
+    const uint32_t device = gid_of("sys_device");
+    char value[QORCFG_VALUE_SIZE] = "";
+    EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "name", value), QORCFG_ERR_DAEMON_RECV);
+    qorcfg_handle *net = networked(config_ram);
+    EXPECT_EQ(get_cfg_item(net, device, "name", value), 0);
+    EXPECT_STREQ(value, "AP-Lab-01");
+    EXPECT_EQ(is_net_cfg(net), 0);
+    close_qorcfg(net);
+    ::close(hung);
 }
 
 TEST_F(SandboxTest, ChildDaemonReloadsOnSigusr2AndCleansUpOnSigterm) {
@@ -1123,8 +1161,7 @@ TEST_F(DaemonRobustness, ASlowReaderGetsItsWholeReplyWhileOthersAreServedOrDropp
         int reader = connect_raw();
         ASSERT_TRUE(send_all(reader, request_bytes(QORCFG_REQ_BY_GID, config_ram, "", "", "",
                                                    static_cast<int32_t>(vlan))));
-        // The first chunk is there; the daemon, on one thread, turns to the
-        // next client only after the reader's socket is full.
+        // The first chunk is there; others are served in turn meanwhile.
         ASSERT_TRUE(readable(reader, 60s));
         std::vector<int> silent;
         for (int i = 0; i < 5 && !crowded; ++i) {
@@ -1153,6 +1190,33 @@ TEST_F(DaemonRobustness, ASlowReaderGetsItsWholeReplyWhileOthersAreServedOrDropp
         EXPECT_EQ(r.records, want);
         for (int fd : silent)
             ::close(fd);
+    }
+}
+
+TEST_F(DaemonRobustness, AReplyCutShortIsResetNeverEndedInOrder) {
+    // A reader that stops for longer than the idle limit, and one still
+    // reading when the daemon stops: both connections are reset, so the
+    // library's client takes the reply for failed (-10005) and reads the
+    // file, never taking a part of the list for the whole.
+    install_sample(sandbox, config_with_vlan_entries(12000));
+    for (bool stopping : {false, true}) {
+        ThreadDaemon d(Options{256, stopping ? 60000ms : 300ms});
+        ASSERT_TRUE(d.started());
+        int reader = connect_raw();
+        ASSERT_TRUE(send_all(reader, long_list_request()));
+        char chunk[kChunk];
+        ASSERT_TRUE(readable(reader, 60s));
+        ASSERT_GT(::recv(reader, chunk, sizeof chunk, 0), 0);
+        if (stopping)
+            d.stop();
+        else
+            ASSERT_TRUE(wait_until([&] { return d.server().clients() == 0; }));
+        bool closed = false;
+        bool reset = false;
+        read_to_end(reader, &closed, 60s, &reset);
+        EXPECT_TRUE(reset) << (stopping ? "stopped" : "idle");
+        EXPECT_FALSE(closed);
+        ::close(reader);
     }
 }
 
