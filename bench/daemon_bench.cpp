@@ -9,7 +9,10 @@
 //     both with Google Benchmark;
 //   - the break-even number of lookups per process above which parsing the
 //     file yourself is cheaper than asking the daemon:
-//       parse cost / (daemon latency - local lookup latency).
+//       parse cost / (daemon latency - local lookup latency);
+//   - big replies: on a configuration of about 1.5 MB, 0, 20 and 40 clients
+//     that ask for a whole-document attribute list and never read it, the
+//     daemon's resident memory and the latency of ordinary lookups meanwhile.
 // The daemon (qorcfg::daemon::Server) runs in a forked child and serves a
 // scratch device root made beside the executable; the clients are forked
 // children that time every lookup with CLOCK_MONOTONIC and send their
@@ -67,6 +70,9 @@ constexpr std::size_t kMaxClients = 64;
 static_assert(kConcurrency.back() <= kMaxClients, "the largest round fits client_pids");
 constexpr unsigned kClientSeconds = 120;  // a client that takes longer is ended
 constexpr const char *kSocketName = "/tmp/qorcfgd_socket";
+constexpr std::size_t kBigBytes = 1536 * 1024;  // the big-reply configuration
+constexpr std::array<std::size_t, 3> kPending = {0, 20, 40};
+constexpr std::size_t kBigLookups = 200;  // ordinary lookups timed per row
 
 // ---- the configuration and the lookups ---------------------------------------------
 
@@ -551,6 +557,131 @@ Round run_round(std::size_t n) {
 // Lookups per process above which one parse plus local lookups costs less
 // than asking the daemon each time; negative when the daemon is never
 // slower per lookup.
+// ---- big replies ------------------------------------------------------------------
+
+// The daemon's resident memory in KiB (VmRSS), or -1.
+long daemon_rss_kib() {
+    FILE *f = std::fopen(("/proc/" + std::to_string(daemon_pid) + "/status").c_str(), "r");
+    if (f == nullptr) {
+        return -1;
+    }
+    long kib = -1;
+    char line[256];
+    while (std::fgets(line, sizeof line, f) != nullptr) {
+        if (std::strncmp(line, "VmRSS:", 6) == 0) {
+            kib = std::atol(line + 6);
+        }
+    }
+    std::fclose(f);
+    return kib;
+}
+
+// A connection that sent `request` and reads nothing; -1 on failure.
+int send_and_stall(const Fixture &f, const std::string &request) {
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path, f.socket.c_str(), f.socket.size() + 1);
+    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
+        !write_all(fd, request.data(), request.size())) {
+        if (fd >= 0) {
+            close(fd);
+        }
+        return -1;
+    }
+    return fd;
+}
+
+struct BigRow {
+    std::size_t pending = 0;
+    long rss_kib = -1;
+    double median_us = 0;
+    double p99_us = 0;
+    double max_us = 0;
+    std::size_t wrong = 0;
+};
+
+// The daemon restarted on a configuration of about kBigBytes; for each
+// number of stalled whole-document list requests, its memory once every
+// one is being answered, and ordinary lookups timed meanwhile.
+std::vector<BigRow> big_replies(Fixture &f, std::size_t *bytes) {
+    std::vector<BigRow> rows;
+    std::string big;
+    for (int scale = 1; big.size() < kBigBytes && scale < 1000; ++scale) {
+        big = qorcfg::device::document(false, scale);
+    }
+    *bytes = big.size();
+    stop_daemon();
+    if (!qorcfg::bench::write_file(f.root, config_ram, big) ||
+        !qorcfg::bench::write_file(f.root, current_config, big) || !start_daemon(f)) {
+        return rows;
+    }
+    // A by-gid list spans the whole document.
+    qorcfg_daemon_request req{};
+    req.marker[0] = '_';
+    const unsigned char code[4] = {0, 0, 0, QORCFG_REQ_BY_GID};
+    std::memcpy(&req.code, code, 4);
+    std::memcpy(req.file, config_ram, std::strlen(config_ram));
+    const qorcfg_group *vlan = group_by_name("vlan");
+    const std::uint32_t gid = vlan != nullptr ? vlan->gid : 0;
+    for (int i = 0; i < 4; ++i) {
+        req.gid[i] = static_cast<unsigned char>(gid >> (24 - 8 * i));
+    }
+    const std::string request(reinterpret_cast<const char *>(&req), QORCFG_REQUEST_SENT);
+    std::vector<int> stalled;
+    for (std::size_t pending : kPending) {
+        // The requests arrive at once, the ordinary lookups right behind them.
+        while (stalled.size() < pending) {
+            int fd = send_and_stall(f, request);
+            if (fd < 0) {
+                break;
+            }
+            stalled.push_back(fd);
+        }
+        BigRow row;
+        row.pending = stalled.size();
+        std::vector<double> us;
+        char value[QORCFG_VALUE_SIZE];
+        for (std::size_t i = 0; i < kBigLookups; ++i) {
+            const Query &q = f.queries[i % f.queries.size()];
+            const std::uint64_t t0 = now_ns();
+            const int rc = get_cfg_item_daemon(config_ram, q.group->gid, q.item->c_str(), value);
+            us.push_back(static_cast<double>(now_ns() - t0) / 1000.0);
+            row.wrong += rc != 0 || q.cut != value;
+        }
+        // Every stalled client has its first chunk: its reply is under way.
+        for (int fd : stalled) {
+            pollfd p{fd, POLLIN, 0};
+            poll(&p, 1, 60000);
+        }
+        row.rss_kib = daemon_rss_kib();
+        std::sort(us.begin(), us.end());
+        row.median_us = us[us.size() / 2];
+        row.p99_us = us[us.size() * 99 / 100];
+        row.max_us = us.back();
+        rows.push_back(row);
+    }
+    for (int fd : stalled) {
+        close(fd);
+    }
+    return rows;
+}
+
+void print_big(const std::vector<BigRow> &rows, std::size_t bytes) {
+    std::printf(
+        "\nBig replies: a %.1f MiB configuration; clients that ask for a whole-document "
+        "attribute\nlist and never read it, then %zu ordinary lookups (get_cfg_item_daemon) "
+        "timed meanwhile.\n\n",
+        static_cast<double>(bytes) / (1024.0 * 1024.0), kBigLookups);
+    std::printf("%8s %12s %10s %10s %10s %6s\n", "stalled", "daemon MiB", "median us", "p99 us",
+                "max us", "wrong");
+    for (const BigRow &r : rows) {
+        std::printf("%8zu %12.1f %10.1f %10.1f %10.1f %6zu\n", r.pending,
+                    static_cast<double>(r.rss_kib) / 1024.0, r.median_us, r.p99_us, r.max_us,
+                    r.wrong);
+    }
+}
+
 double break_even(double parse_us, double daemon_us, double local_us) {
     return daemon_us > local_us ? parse_us / (daemon_us - local_us) : -1.0;
 }
@@ -654,11 +785,18 @@ int main(int argc, char **argv) {
         rounds.push_back(run_round(n));
     }
     print_summary(rounds, reporter, cores);
+    std::size_t big_bytes = 0;
+    const std::vector<BigRow> big = big_replies(fixture, &big_bytes);
+    print_big(big, big_bytes);
     benchmark::Shutdown();
     bool clean = tear_down(fixture);
     bool ok = clean;
     for (const Round &r : rounds) {
         ok = ok && r.lookups == r.clients * kPerClient && r.wrong == 0 && r.fell_back == 0;
+    }
+    ok = ok && big.size() == kPending.size();
+    for (const BigRow &r : big) {
+        ok = ok && r.wrong == 0;
     }
     return ok ? 0 : 1;
 }
