@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(cmake ninja-build g++ clang clang-format googletest libgtest-dev libgmock-dev
-          libbenchmark-dev libclang-rt-14-dev valgrind procps gcovr
+          libbenchmark-dev libclang-rt-14-dev valgrind procps gcovr pkg-config
           libpugixml-dev libexpat1-dev libxml2-dev
           g++-mips-linux-gnu libc6-dev-mips-cross qemu-user)
 missing=()

@@ -11,10 +11,8 @@ QORCFG_BEGIN_DECLS
 
 /* Row of the product table prd_id_tbl. */
 typedef struct qorcfg_product {
-    union {
-        uint32_t id;         /* product ID read as one 32-bit value; 0 ends the table */
-        uint16_t id_half[2]; /* the same ID as its two 16-bit halves, in memory order */
-    };
+    uint32_t id;      /* product ID: its two 16-bit halves in memory order, compared together
+                       * as one 32-bit value; 0 ends the table */
     char codename[8]; /* product codename; no NUL when it is 8 characters long */
     char model[8];    /* model name, NUL-terminated */
 } qorcfg_product;

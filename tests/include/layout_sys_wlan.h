@@ -4,7 +4,6 @@
 
 /* Product table row: 32-bit ID (also readable as two 16-bit halves), codename, model name. */
 QORCFG_LAYOUT(qorcfg_product, id, 0)
-QORCFG_LAYOUT(qorcfg_product, id_half, 0)
 QORCFG_LAYOUT(qorcfg_product, codename, 4)
 QORCFG_LAYOUT(qorcfg_product, model, 12)
 QORCFG_SIZE(qorcfg_product, 20)
