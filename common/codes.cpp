@@ -1,5 +1,7 @@
-// common/codes.cpp - the library's result codes in words.
+// common/codes.cpp - the programs' messages.
 #include "common/codes.h"
+
+#include <cstdio>
 
 #include "qorcfg.h"
 
@@ -43,6 +45,13 @@ const char *code_words(int code) {
             return c.words;
     }
     return "failure";
+}
+
+void report_damage(const char *program, const char *file, const char *error) {
+    std::fprintf(stderr,
+                 "%s: %s is damaged: %s; what follows that point is missing, and its values are "
+                 "not found\n",
+                 program, file, error);
 }
 
 }  // namespace qorcfg::common

@@ -22,6 +22,7 @@
 #include <new>
 #include <utility>
 
+#include "common/codes.h"
 #include "os/os.h"
 #include "store/platform.h"
 #include "store/store.h"
@@ -118,12 +119,8 @@ Server::Load Server::load(const char *path, qorcfg_handle **out) {
         complain(path, "cannot be read; its requests are answered with -1");
         return Load::unreadable;
     }
-    if (const char *error = ezxml_error(root); error[0] != '\0') {
-        std::fprintf(stderr,
-                     "qorcfgd: %s: damaged: %s; what follows that point is missing, so its "
-                     "values are not found\n",
-                     path, error);
-    }
+    if (const char *error = ezxml_error(root); error[0] != '\0')
+        common::report_damage("qorcfgd", path, error);
     *out = static_cast<qorcfg_handle *>(std::malloc(sizeof(qorcfg_handle)));
     if (*out == nullptr) {
         ezxml_free(root);

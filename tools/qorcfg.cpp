@@ -192,6 +192,15 @@ void print_name_values(const qorcfg_attr *list) {
         std::printf("%s=%s\n", text_or_empty(a->name), text_or_empty(a->value));
 }
 
+// Says so when the working copy that a lookup read is damaged: its parse
+// stopped at an error, so values after that point are missing.
+void report_damage() {
+    ezxml_node *root = init_qorcfg_direct();
+    if (root != nullptr && ezxml_error(root)[0] != '\0')
+        qorcfg::common::report_damage("qorcfg", config_ram, ezxml_error(root));
+    ezxml_free(root);
+}
+
 // ---- commands -------------------------------------------------------------------------
 
 int cmd_get(const std::vector<std::string> &args) {
@@ -201,6 +210,8 @@ int cmd_get(const std::vector<std::string> &args) {
     int status = 0;
     if (!group_arg(what, args[0], group, status))
         return status;
+    if (item.empty())  // an empty item would ask the daemon for the group's list
+        return usage_error(what, "empty item name");
     if (item.size() > kMaxItemName)
         return usage_error(what, "item name longer than 64 characters");
 
@@ -211,7 +222,10 @@ int cmd_get(const std::vector<std::string> &args) {
     int rc = group.by_id
                  ? get_cfg_item(handle, group.gid, item.c_str(), value.data())
                  : get_cfg_item_by_str(handle, group.name->c_str(), item.c_str(), value.data());
+    const bool from_file = is_net_cfg(handle) == 0;
     close_qorcfg(handle);
+    if (from_file)
+        report_damage();
     if (rc != QORCFG_OK)
         return fail(what, rc);
     value.back() = '\0';
@@ -224,6 +238,7 @@ int cmd_get_path(const std::vector<std::string> &args) {
     const std::string &path = args[0];
     const char *attr = args.size() > 1 ? args[1].c_str() : nullptr;
     AttrList list(get_item_by_path(attr, path.c_str()));
+    report_damage();
     if (list.head == nullptr) {
         // No list says neither whether the element or the attribute is
         // missing: the element's own attributes tell.
@@ -253,7 +268,10 @@ int cmd_show(const std::vector<std::string> &args) {
     if (handle == nullptr)
         return fail(what, QORCFG_ERR_FAIL);
     AttrList list(get_attr_list_by_group_name(handle, row->name, nullptr));
+    const bool from_file = is_net_cfg(handle) == 0;
     close_qorcfg(handle);
+    if (from_file)
+        report_damage();
     if (list.head == nullptr)
         return fail(what, QORCFG_ERR_FAIL);
     for (const qorcfg_attr *a = list.head; a != nullptr; a = a->next) {
@@ -291,6 +309,7 @@ int cmd_list_children(const std::vector<std::string> &args) {
     AttrList list(group.by_id ? list_child_by_gid(handle, group.gid)
                               : list_child_by_str(handle, group.name->c_str()));
     close_qorcfg(handle);
+    report_damage();
     if (list.head == nullptr) {
         const qorcfg_group *row = group_row(group);
         if (row == nullptr)

@@ -288,7 +288,9 @@ QORCFG_API qorcfg_attr *get_attr_list_by_prefix(qorcfg_handle *handle, const cha
 /* Free every record with its name and value. Returns 0. */
 QORCFG_API int free_attr_list(qorcfg_attr *list);
 
-/* ---- daemon queries: the daemon's result code, or -10002..-10005 when unreachable ---- */
+/* ---- daemon queries: the daemon's result code, or -10002..-10005 when unreachable ----
+ * An empty item name asks for the group's attribute list, not for an item: the single-item
+ * queries then copy the list's first value. Waits are bounded (a few seconds), then -10005. */
 
 /* Send `request` to the daemon; the decoded records go to *list (caller frees). */
 QORCFG_API int get_attr_from_daemon(qorcfg_daemon_request request, qorcfg_attr **list);

@@ -545,6 +545,10 @@ TEST_F(DaemonAnswer, ResultsOfRequestsByCodeFieldAndFile) {
     }
     EXPECT_EQ(qorcfg::daemon::answer(ram, nullptr, request_record(2, "", "name", "", "", device)),
               answer(2, "name", "", "", device));
+    // An unterminated marker field is refused as every other text field is.
+    qorcfg_daemon_request marked = request_record(2, config_ram, "name", "", "", device);
+    std::memset(marked.marker, '_', sizeof marked.marker);
+    EXPECT_EQ(decode(qorcfg::daemon::answer(ram, current, marked)).result(), -1);
 }
 
 // Values are cut as the local read cuts them (a list carries the whole
@@ -943,6 +947,51 @@ TEST_F(SandboxTest, ReloadServesTheChangedFile) {
     EXPECT_TRUE(wait_until([&] { return daemon.server().reloads() == 4u; }));
     EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "name", value), 0);
     EXPECT_STREQ(value, "AP-Locked");
+}
+
+TEST_F(SandboxTest, ADamagedFileIsReportedAndServedAsFarAsItReads) {
+    const std::string config = sample("/conf/config.xml");
+    install_sample(sandbox, config.substr(0, config.find("<wlan")));
+    CaptureOutput err(STDERR_FILENO);
+    {
+        ThreadDaemon daemon;
+        ASSERT_TRUE(daemon.started());
+        char value[QORCFG_VALUE_SIZE] = "";
+        EXPECT_EQ(get_cfg_item_daemon(config_ram, gid_of("sys_device"), "name", value), 0);
+        EXPECT_STREQ(value, "AP-Lab-01");
+    }
+    EXPECT_NE(
+        err.text().find("qorcfgd: " + std::string(config_ram) + " is damaged: [error near line "),
+        std::string::npos)
+        << err.text();
+}
+
+// The program: a wrong root is a usage error (2) that says what is missing;
+// started, it detaches once it listens (0) with its pid in the pid file;
+// the lookups clients make that fail leave no trace in its log.
+TEST_F(SandboxTest, TheDaemonProgramDetachesStaysQuietAndSaysWhatIsWrong) {
+    install_sample(sandbox);
+    sandbox.mkdir("/bare");
+    const std::string log = sandbox.path("/daemon.log");
+    auto qorcfgd = [&](const std::string &args) {
+        const int status = std::system((std::string(QORCFG_EMULATOR) + " " + QORCFGD + " " + args +
+                                        " </dev/null >/dev/null 2>>" + log)
+                                           .c_str());
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    EXPECT_EQ(qorcfgd("--root " + sandbox.path("/bare")), 2);
+    EXPECT_EQ(qorcfgd("--bogus"), 2);
+    ASSERT_EQ(qorcfgd("--root " + sandbox.root()), 0);
+    const pid_t pid = std::stoi(sandbox.read("/var/run/read_qorcfgd.pid"));
+    char value[QORCFG_VALUE_SIZE] = "";
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(get_cfg_item_daemon(config_ram, gid_of("sys_device"), "nothing", value), -4);
+    ASSERT_EQ(::kill(pid, SIGTERM), 0);  // the daemon this test started
+    EXPECT_TRUE(wait_until([&] { return !sandbox.exists("/var/run/read_qorcfgd.pid"); }));
+    const std::string text = sandbox.read("/daemon.log");
+    EXPECT_NE(text.find("/bare: no directory "), std::string::npos) << text;
+    EXPECT_NE(text.find("--bogus: unknown argument"), std::string::npos) << text;
+    EXPECT_EQ(text.find("nothing"), std::string::npos) << text;
 }
 
 TEST_F(SandboxTest, AHungDaemonCostsAClientItsTimeLimitThenTheFile) {
