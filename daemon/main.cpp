@@ -12,8 +12,8 @@
 #include <string>
 #include <string_view>
 
-#include "common/offline.h"
 #include "daemon/server.h"
+#include "os/offline.h"
 #include "os/os.h"
 
 namespace {
@@ -49,11 +49,11 @@ qorcfg::os::Runner g_offline;
 // Points the OS seam at an unpacked device root; the socket lives inside it.
 bool use_root(const std::string &dir) {
     std::string socket, error;
-    if (!qorcfg::common::use_root(dir, g_offline, socket, error)) {
+    if (!qorcfg::os::use_root(dir, g_offline, socket, error)) {
         std::fprintf(stderr, "qorcfgd: --root %s: %s\n", dir.c_str(), error.c_str());
         return false;
     }
-    if (!qorcfg::common::fits_socket_address(socket)) {
+    if (!qorcfg::os::fits_socket_address(socket)) {
         std::fprintf(stderr, "qorcfgd: --root %s: socket path %s too long\n", dir.c_str(),
                      socket.c_str());
         return false;
@@ -166,6 +166,6 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "qorcfgd: %s\n", e.what());
         status = kExitFailed;
     }
-    qorcfg::common::report("qorcfgd", g_offline);
+    qorcfg::os::report("qorcfgd", g_offline);
     return status;
 }

@@ -1,7 +1,10 @@
 # The library installed into a scratch prefix and a C program built against
 # it exactly as the README shows (pkg-config): in C99 with -pedantic, in C11
 # and as C++, linked dynamically, and statically with --static; each run.
-#   cmake -DBUILD_DIR=... -DSCRATCH=... -DCC=... -DCXX=... -P check_install.cmake
+# A static program also reads a value from a copy of the sample device root
+# through qorcfg_offline.h.
+#   cmake -DBUILD_DIR=... -DSCRATCH=... -DCC=... -DCXX=... -DDEVROOT=...
+#         -P check_install.cmake
 cmake_minimum_required(VERSION 3.25)
 set(prefix ${SCRATCH}/install-prefix)
 set(work ${SCRATCH}/install-check)
@@ -60,4 +63,29 @@ foreach(build IN LISTS builds)
     message(FATAL_ERROR "${name}: printed \"${output}\"")
   endif()
 endforeach()
+file(WRITE ${work}/image.c [=[
+#include <qorcfg.h>
+#include <qorcfg_offline.h>
+#include <stdio.h>
+
+int main(int argc, char **argv) {
+    char value[256] = "";
+    qorcfg_handle *handle;
+    int rc;
+    if (argc < 2 || qorcfg_offline_root(argv[1]) != 0)
+        return 2;
+    handle = init_qorcfg();
+    rc = get_cfg_item_by_str(handle, "sys_device", "name", value);
+    close_qorcfg(handle);
+    printf("%d %s\n", rc, value);
+    return rc != 0;
+}
+]=])
+file(COPY ${DEVROOT}/ DESTINATION ${work}/image)
+run("building the image reader" ${CC} -std=c99 -static ${work}/image.c ${static_flags}
+    -o ${work}/image-reader)
+run("reading the image" ${work}/image-reader ${work}/image)
+if(NOT output STREQUAL "0 AP-Lab-01\n")
+  message(FATAL_ERROR "image reader: printed \"${output}\"")
+endif()
 file(REMOVE_RECURSE ${prefix} ${work})

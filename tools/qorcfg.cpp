@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "common/codes.h"
-#include "common/offline.h"
+#include "os/offline.h"
 #include "os/os.h"
 #include "qorcfg.h"
 #include "store/platform.h"
@@ -362,12 +362,12 @@ qorcfg::os::Runner g_offline;
 // directory.
 bool use_root(const std::string &dir) {
     std::string socket, error;
-    if (!qorcfg::common::use_root(dir, g_offline, socket, error))
+    if (!qorcfg::os::use_root(dir, g_offline, socket, error))
         return false;
     // No daemon can listen on a socket path longer than a socket address
     // holds, so lookups go to the files straight away (and a cut path can
     // never reach some other socket).
-    if (!qorcfg::common::fits_socket_address(socket))
+    if (!qorcfg::os::fits_socket_address(socket))
         set_all_net_qorcfg_mode(0);
     return true;
 }
@@ -433,7 +433,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "qorcfg: unexpected failure\n");
         status = 1;
     }
-    qorcfg::common::report("qorcfg", g_offline);
+    qorcfg::os::report("qorcfg", g_offline);
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
         std::fprintf(stderr, "qorcfg: standard output: %s\n", std::strerror(errno));
         if (status == 0)
