@@ -286,56 +286,6 @@ private:
     std::thread thread_;
 };
 
-// The daemon in a child process with its signal handlers, as on a device.
-class ChildDaemon {
-public:
-    ChildDaemon() {
-        std::fflush(nullptr);
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            int status = 1;
-            {
-                Server server;
-                if (server.handle_signals() && server.start())
-                    status = server.run();
-            }
-            ::_exit(status);
-        }
-        ready_ = pid_ > 0 && wait_until([] {
-                     int fd = connect_raw();
-                     if (fd < 0)
-                         return false;
-                     ::close(fd);
-                     return true;
-                 });
-        set_all_net_qorcfg_mode(1);
-    }
-    ~ChildDaemon() {
-        if (pid_ > 0 && !reaped_) {
-            ::kill(pid_, SIGKILL);
-            wait();
-        }
-    }
-    ChildDaemon(const ChildDaemon &) = delete;
-    ChildDaemon &operator=(const ChildDaemon &) = delete;
-
-    bool ready() const { return ready_; }
-    pid_t pid() const { return pid_; }
-    // Waits for the child's end; its wait status.
-    int wait() {
-        int status = 0;
-        while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-        }
-        reaped_ = true;
-        return status;
-    }
-
-private:
-    pid_t pid_ = -1;
-    bool ready_ = false;
-    bool reaped_ = false;
-};
-
 // ---- handles -----------------------------------------------------------------
 
 // A handle that holds the parsed file, as the daemon's own.
@@ -476,31 +426,8 @@ TEST_F(DaemonAnswer, ListRepliesCarryIndexRecordsOnlyForRepeatedElements) {
     expected.resize(kChunk, '\0');
     EXPECT_EQ(bytes, expected);
 
-    Reply r = decode(bytes);
-    ASSERT_TRUE(r.well_formed) << r.problem;
-    EXPECT_EQ(r.result(), 0);
-    EXPECT_EQ(r.flags, std::vector<uint32_t>{0});
-    EXPECT_EQ(r.records, attrs(get_attr_list_by_gid_direct(ram, vlan, nullptr)));
-
-    // By name: the group element's own attributes only, as the local read.
-    r = decode(answer(QORCFG_REQ_BY_NAME, "", "vlan", "", -1));
-    EXPECT_EQ(r.records, attrs(get_attr_list_by_group_name_direct(ram, "vlan", nullptr)));
-    // With a sub-path.
-    r = decode(answer(QORCFG_REQ_BY_NAME_PATH, "", "vlan", "entry:1", -1));
-    EXPECT_EQ(r.records, attrs(get_attr_list_by_group_name_direct(ram, "vlan", "entry:1")));
-    EXPECT_FALSE(r.records.empty());
-    r = decode(answer(QORCFG_REQ_BY_GID_PATH, "", "", "network.vlan", static_cast<int32_t>(vlan)));
-    EXPECT_EQ(r.records, attrs(get_attr_list_by_gid_direct(ram, vlan, "network.vlan")));
-
-    // No list: result 0 and no records (the client then has no list either).
-    r = decode(answer(QORCFG_REQ_BY_NAME, "", "no_such_group", "", -1));
-    ASSERT_TRUE(r.well_formed) << r.problem;
-    EXPECT_EQ(r.result(), 0);
-    EXPECT_TRUE(r.records.empty());
-
-    // Group 0: the root's two identity attributes.
-    r = decode(answer(QORCFG_REQ_BY_GID, "", "", "", 0));
-    EXPECT_EQ(r.records, (Attrs{{"version", "1.10.01", -1}, {"devtype", "AP", -1}}));
+    // (Every form of list, by gid and by name with and without sub-paths,
+    // is compared with the local read for every group: DaemonDifferential.)
 }
 
 // Unknown request codes, text fields without their terminating zero and
@@ -759,29 +686,6 @@ TEST_F(DaemonDifferential, EveryAttributeListMatchesTheLocalRead) {
     EXPECT_GT(non_empty, 400u);
 }
 
-TEST_F(DaemonDifferential, ListsLongerThanOneChunkArriveWhole) {
-    start(config_with_vlan_entries(400));
-    const uint32_t vlan = gid_of("vlan");
-    const Attrs want = attrs(get_attr_list_by_gid_direct(local_ram, vlan, nullptr));
-    ASSERT_GT(want.size(), 800u);
-
-    qorcfg_handle *net = networked(config_ram);
-    EXPECT_EQ(attrs(get_attr_list_by_gid(net, vlan, nullptr)), want);
-    EXPECT_EQ(is_net_cfg(net), 1);
-    close_qorcfg(net);
-
-    // On the socket: several full chunks, each flagged, then the end.
-    bool closed = false;
-    Reply r = decode(exchange(
-        request_bytes(QORCFG_REQ_BY_GID, config_ram, "", "", "", static_cast<int32_t>(vlan)),
-        &closed));
-    ASSERT_TRUE(r.well_formed) << r.problem;
-    EXPECT_TRUE(closed);
-    EXPECT_GT(r.chunks(), 3u);
-    EXPECT_EQ(r.flags, std::vector<uint32_t>(r.chunks(), qorcfg::wire::kMoreChunks));
-    EXPECT_EQ(r.records, want);
-}
-
 TEST_F(DaemonDifferential, PathRequestsMatchTheClientsOwnFallback) {
     start();
     CaptureOutput quiet(2);
@@ -834,61 +738,6 @@ TEST_F(DaemonDifferential, PathRequestsMatchTheClientsOwnFallback) {
         EXPECT_EQ(is_net_cfg(h), 0);  // it did fall back
         close_qorcfg(h);
     }
-}
-
-// =============================================================================
-// Clients without a daemon, or with one that dies
-// =============================================================================
-
-TEST_F(SandboxTest, ClientsReadTheFileWhenNoDaemonListens) {
-    install_sample(sandbox);
-    const uint32_t device = gid_of("sys_device");
-    char value[QORCFG_VALUE_SIZE] = "";
-    EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "name", value), -10003);
-    EXPECT_STREQ(value, "");
-    qorcfg_handle *net = networked(config_ram);
-    ASSERT_EQ(is_net_cfg(net), 1);
-    EXPECT_EQ(get_cfg_item(net, device, "name", value), 0);
-    EXPECT_STREQ(value, "AP-Lab-01");
-    EXPECT_EQ(is_net_cfg(net), 0);
-    close_qorcfg(net);
-
-    net = networked(current_config);
-    EXPECT_NE(attrs(get_attr_list_by_group_name(net, "sys_device", nullptr)).size(), 0u);
-    close_qorcfg(net);
-}
-
-TEST_F(SandboxTest, ClientsFallBackWhenTheDaemonDiesMidRun) {
-    install_sample(sandbox);
-    const uint32_t device = gid_of("sys_device");
-    qorcfg_handle *local = parsed(config_ram);
-    ASSERT_NE(local, nullptr);
-    const Attrs want = attrs(get_attr_list_by_gid_direct(local, device, nullptr));
-    close_qorcfg(local);
-
-    ChildDaemon daemon;
-    ASSERT_TRUE(daemon.ready());
-    qorcfg_handle *net = networked(config_ram);
-    char value[QORCFG_VALUE_SIZE] = "";
-    EXPECT_EQ(get_cfg_item(net, device, "name", value), 0);
-    EXPECT_STREQ(value, "AP-Lab-01");
-    EXPECT_EQ(attrs(get_attr_list_by_gid(net, device, nullptr)), want);
-    EXPECT_EQ(is_net_cfg(net), 1);  // the daemon answered
-
-    ::kill(daemon.pid(), SIGKILL);
-    int status = daemon.wait();
-    EXPECT_TRUE(WIFSIGNALED(status));
-    // Its socket file is left behind; nobody accepts on it.
-    EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "name", value), -10003);
-    EXPECT_EQ(get_cfg_item(net, device, "location", value), 0);
-    EXPECT_STREQ(value, "Building 2, floor 3, lab");
-    EXPECT_EQ(is_net_cfg(net), 0);
-    EXPECT_EQ(attrs(get_attr_list_by_gid(net, device, nullptr)), want);
-    close_qorcfg(net);
-
-    qorcfg_handle *again = networked(config_ram);
-    EXPECT_EQ(attrs(get_attr_list_by_gid(again, device, nullptr)), want);
-    close_qorcfg(again);
 }
 
 // =============================================================================
@@ -966,10 +815,15 @@ TEST_F(SandboxTest, ADamagedFileIsReportedAndServedAsFarAsItReads) {
         << err.text();
 }
 
-// The program: a wrong root is a usage error (2) that says what is missing;
-// started, it detaches once it listens (0) with its pid in the pid file;
-// the lookups clients make that fail leave no trace in its log.
-TEST_F(SandboxTest, TheDaemonProgramDetachesStaysQuietAndSaysWhatIsWrong) {
+// The program as a device runs it. A wrong root or argument is a usage
+// error (2) that says what is wrong. Started, it detaches once it listens
+// (0), its pid complete in the pid file; it answers, re-reads on SIGUSR2,
+// keeps its clients' failed lookups out of its log, and on SIGTERM ends,
+// removing its socket and pid file, with a client halfway through a request
+// holding nothing up. Clients read the file when no daemon listens, also
+// after one was killed and left its socket behind; the next daemon replaces
+// that socket.
+TEST_F(SandboxTest, TheDaemonProgramAsADeviceRunsIt) {
     install_sample(sandbox);
     sandbox.mkdir("/bare");
     const std::string log = sandbox.path("/daemon.log");
@@ -979,15 +833,50 @@ TEST_F(SandboxTest, TheDaemonProgramDetachesStaysQuietAndSaysWhatIsWrong) {
                                            .c_str());
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     };
+    const uint32_t device = gid_of("sys_device");
+    char value[QORCFG_VALUE_SIZE] = "";
+    auto local_fallback = [&](const char *expected) {
+        EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "name", value), -10003);
+        qorcfg_handle *net = networked(config_ram);
+        EXPECT_EQ(get_cfg_item(net, device, "name", value), 0);
+        EXPECT_STREQ(value, expected);
+        EXPECT_EQ(is_net_cfg(net), 0);  // it read the file
+        close_qorcfg(net);
+    };
+    local_fallback("AP-Lab-01");
+
     EXPECT_EQ(qorcfgd("--root " + sandbox.path("/bare")), 2);
     EXPECT_EQ(qorcfgd("--bogus"), 2);
     ASSERT_EQ(qorcfgd("--root " + sandbox.root()), 0);
-    const pid_t pid = std::stoi(sandbox.read("/var/run/read_qorcfgd.pid"));
-    char value[QORCFG_VALUE_SIZE] = "";
+    const std::string pid_text = sandbox.read("/var/run/read_qorcfgd.pid");
+    const pid_t pid = std::stoi(pid_text);
+    EXPECT_EQ(pid_text, std::to_string(pid) + "\n");
     for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(get_cfg_item_daemon(config_ram, gid_of("sys_device"), "nothing", value), -4);
-    ASSERT_EQ(::kill(pid, SIGTERM), 0);  // the daemon this test started
+        EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "nothing", value), -4);
+    sandbox.write("/tmp/config.xml", renamed_config("AP-Signalled"));
+    ASSERT_EQ(::kill(pid, SIGUSR2), 0);  // the daemon this test started
+    EXPECT_TRUE(wait_until([&] {
+        return get_cfg_item_daemon(config_ram, device, "name", value) == 0 &&
+               std::string(value) == "AP-Signalled";
+    }));
+    ASSERT_EQ(::kill(pid, SIGKILL), 0);
+    EXPECT_TRUE(wait_until(
+        [&] { return get_cfg_item_daemon(config_ram, device, "name", value) == -10003; }));
+    EXPECT_TRUE(sandbox.exists("/tmp/qorcfgd_socket"));  // left behind
+    local_fallback("AP-Signalled");
+
+    ASSERT_EQ(qorcfgd("--root " + sandbox.root()), 0);
+    int slow = connect_raw();
+    ASSERT_TRUE(send_all(slow, std::string(100, '\0')));
+    ASSERT_EQ(::kill(std::stoi(sandbox.read("/var/run/read_qorcfgd.pid")), SIGTERM), 0);
     EXPECT_TRUE(wait_until([&] { return !sandbox.exists("/var/run/read_qorcfgd.pid"); }));
+    EXPECT_TRUE(wait_until([&] { return !sandbox.exists("/tmp/qorcfgd_socket"); }));
+    bool closed = false;
+    bool reset = false;
+    EXPECT_EQ(read_to_end(slow, &closed, 60s, &reset), "");
+    EXPECT_TRUE(closed || reset);
+    ::close(slow);
+
     const std::string text = sandbox.read("/daemon.log");
     EXPECT_NE(text.find("/bare: no directory "), std::string::npos) << text;
     EXPECT_NE(text.find("--bogus: unknown argument"), std::string::npos) << text;
@@ -1014,44 +903,6 @@ TEST_F(SandboxTest, AHungDaemonCostsAClientItsTimeLimitThenTheFile) {
     EXPECT_EQ(is_net_cfg(net), 0);
     close_qorcfg(net);
     ::close(hung);
-}
-
-TEST_F(SandboxTest, ChildDaemonReloadsOnSigusr2AndCleansUpOnSigterm) {
-    install_sample(sandbox);
-    ChildDaemon daemon;
-    ASSERT_TRUE(daemon.ready());
-    EXPECT_EQ(sandbox.read("/var/run/read_qorcfgd.pid"), std::to_string(daemon.pid()) + "\n");
-    EXPECT_TRUE(sandbox.exists("/tmp/qorcfgd_socket"));
-
-    const uint32_t device = gid_of("sys_device");
-    char value[QORCFG_VALUE_SIZE] = "";
-    EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "name", value), 0);
-    EXPECT_STREQ(value, "AP-Lab-01");
-
-    sandbox.write("/tmp/config.xml", renamed_config("AP-Signalled"));
-    ASSERT_EQ(::kill(daemon.pid(), SIGUSR2), 0);
-    EXPECT_TRUE(wait_until([&] {
-        return get_cfg_item_daemon(config_ram, device, "name", value) == 0 &&
-               std::string(value) == "AP-Signalled";
-    }));
-
-    // A client halfway through its request does not hold the shutdown up.
-    int slow = connect_raw();
-    ASSERT_GE(slow, 0);
-    ASSERT_TRUE(send_all(slow, std::string(100, '\0')));
-    ASSERT_EQ(::kill(daemon.pid(), SIGTERM), 0);
-    int status = daemon.wait();
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_FALSE(sandbox.exists("/tmp/qorcfgd_socket"));
-    EXPECT_FALSE(sandbox.exists("/var/run/read_qorcfgd.pid"));
-    // Its connection ends: orderly, or reset when its bytes were unread.
-    bool closed = false;
-    bool reset = false;
-    EXPECT_EQ(read_to_end(slow, &closed, 60s, &reset), "");
-    EXPECT_TRUE(closed || reset);
-    ::close(slow);
-    EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "name", value), -10003);
 }
 
 TEST_F(SandboxTest, OneDaemonPerSocketAndAStaleSocketIsReplaced) {
@@ -1108,83 +959,61 @@ protected:
     std::unique_ptr<ThreadDaemon> daemon;
 };
 
-TEST_F(DaemonRobustness, AClientThatSendsPartOfItsRequestStallsNobody) {
+// Partial, garbage, over-long and vanishing clients: none stalls another,
+// each gets what its request deserves, and the daemon forgets them.
+TEST_F(DaemonRobustness, HostileClientsStallNobody) {
     start();
     const std::string request =
         request_bytes(QORCFG_REQ_BY_NAME, config_ram, "desc", "sys_device", "", -1);
     int slow = connect_raw();
-    ASSERT_GE(slow, 0);
     ASSERT_TRUE(send_all(slow, request.substr(0, 100)));
     expect_served();
-    expect_served();
-    EXPECT_FALSE(readable(slow, 50ms));  // no answer to half a request
-    // The rest, a byte at a time: then it is answered too.
-    for (size_t i = 100; i < request.size(); ++i)
+    EXPECT_FALSE(readable(slow, 0ms));             // no answer to half a request
+    for (size_t i = 100; i < request.size(); ++i)  // the rest, a byte at a time
         ASSERT_TRUE(send_all(slow, request.substr(i, 1)));
     bool closed = false;
     Reply r = decode(read_to_end(slow, &closed));
     ::close(slow);
     EXPECT_TRUE(closed);
     EXPECT_EQ(r.records, (Attrs{{"desc", "Enterprise dual-band access point", -1}}));
-}
 
-// (Unknown codes and unterminated fields: DaemonAnswer, on the same path.)
-TEST_F(DaemonRobustness, GarbageAnswersMinusOne) {
-    start();
     std::mt19937 random(20260101);
-    for (int round = 0; round < 50; ++round) {
+    for (int round = 0; round < 50; ++round) {  // garbage answers -1
         std::string garbage(QORCFG_REQUEST_SENT, '\0');
         for (char &c : garbage)
             c = static_cast<char>(random() & 0xFF);
-        Reply r = decode(exchange(garbage));
+        r = decode(exchange(garbage));
         ASSERT_TRUE(r.well_formed) << r.problem;
         EXPECT_EQ(r.result(), -1);
     }
-    expect_served();
-}
 
-TEST_F(DaemonRobustness, BytesBeyondTheRequestAreIgnored) {
-    start();
-    // A long reply: the client reads to the end, which must be an orderly
-    // end even though the daemon never read the extra bytes as a request.
-    qorcfg_handle *local = parsed(config_ram);
-    ASSERT_NE(local, nullptr);
-    const Attrs want = attrs(get_attr_list_by_gid_direct(local, gid_of("vlan"), nullptr));
-    close_qorcfg(local);
-    const std::string request = long_list_request();
-    bool closed = false;
-    std::string bytes = exchange(request + std::string(3000, 'x'), &closed);
-    Reply r = decode(bytes);
-    ASSERT_TRUE(r.well_formed) << r.problem;
+    // Bytes beyond the request are ignored, the reply still ends in order;
+    // of two requests on one connection only the first is answered.
+    const std::string list = long_list_request();
+    r = decode(exchange(list + std::string(3000, 'x'), &closed));
     EXPECT_TRUE(closed);
     EXPECT_GT(r.chunks(), 3u);
-    EXPECT_EQ(r.records, want);
-    // Two requests on one connection: only the first is answered.
-    r = decode(exchange(
-        request_bytes(QORCFG_REQ_BY_NAME, config_ram, "name", "sys_device", "", -1) + request,
-        &closed));
+    qorcfg_handle *local = parsed(config_ram);
+    EXPECT_EQ(r.records, attrs(get_attr_list_by_gid_direct(local, gid_of("vlan"), nullptr)));
+    close_qorcfg(local);
+    r = decode(
+        exchange(request_bytes(QORCFG_REQ_BY_NAME, config_ram, "name", "sys_device", "", -1) + list,
+                 &closed));
     EXPECT_TRUE(closed);
     EXPECT_EQ(r.records, (Attrs{{"name", "AP-Lab-01", -1}}));
-    expect_served();
-}
 
-TEST_F(DaemonRobustness, ClientsThatLeaveEarlyAreForgotten) {
-    start();
-    const std::string request = long_list_request();
-    // Connects and leaves; leaves halfway through its request; leaves right
-    // after sending it; reads a little of the reply and leaves.
+    // Connects and leaves; leaves halfway through its request; right after
+    // sending it; after a little of the reply.
     for (int i = 0; i < 20; ++i) {
+        ::close(connect_raw());
         int fd = connect_raw();
-        ASSERT_GE(fd, 0);
+        ASSERT_TRUE(send_all(fd, list.substr(0, 500)));
         ::close(fd);
         fd = connect_raw();
-        ASSERT_TRUE(send_all(fd, request.substr(0, 500)));
+        ASSERT_TRUE(send_all(fd, list));
         ::close(fd);
         fd = connect_raw();
-        ASSERT_TRUE(send_all(fd, request));
-        ::close(fd);
-        fd = connect_raw();
-        ASSERT_TRUE(send_all(fd, request));
+        ASSERT_TRUE(send_all(fd, list));
         char some[100];
         ASSERT_TRUE(readable(fd, 60s));
         EXPECT_GT(::recv(fd, some, sizeof some, 0), 0);
@@ -1267,20 +1096,14 @@ TEST_F(DaemonRobustness, AReplyCutShortIsResetNeverEndedInOrder) {
         EXPECT_FALSE(closed);
         ::close(reader);
     }
-}
-
-TEST_F(DaemonRobustness, IdleClientsAreDropped) {
-    start(Options{256, 300ms});
+    // A client idle before its request is complete is simply closed.
+    ThreadDaemon d(Options{256, 300ms});
     int idle = connect_raw();
-    ASSERT_GE(idle, 0);
     ASSERT_TRUE(send_all(idle, std::string(10, '\0')));
-    const auto begin = std::chrono::steady_clock::now();
     bool closed = false;
     EXPECT_EQ(read_to_end(idle, &closed, 60s), "");
     EXPECT_TRUE(closed);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, 250ms);
     ::close(idle);
-    expect_served();
 }
 
 TEST_F(DaemonRobustness, PastTheLimitTheLongestIdleClientMakesRoom) {
