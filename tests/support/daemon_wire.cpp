@@ -56,6 +56,40 @@ std::string request(uint32_t code, const std::string &file, const std::string &i
     return r;
 }
 
+namespace {
+
+int daemon_socket(bool bind_it, bool listen) {
+    const std::string &path = os::daemon_socket_path();
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0 || path.size() >= sizeof addr.sun_path) {
+        ::close(fd);
+        return -1;
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    const auto *at = reinterpret_cast<const sockaddr *>(&addr);
+    if (bind_it)
+        ::unlink(path.c_str());
+    const bool ok = bind_it ? ::bind(fd, at, sizeof addr) == 0 && (!listen || ::listen(fd, 8) == 0)
+                            : ::connect(fd, at, sizeof addr) == 0;
+    if (!ok) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+}  // namespace
+
+int bind_daemon_socket(bool listen) {
+    return daemon_socket(true, listen);
+}
+
+int connect_daemon_socket() {
+    return daemon_socket(false, false);
+}
+
 FakeDaemon::FakeDaemon(std::vector<std::string> replies) : pad_(false) {
     for (std::string &reply : replies)
         replies_.push_back({std::move(reply)});
@@ -72,16 +106,8 @@ FakeDaemon::~FakeDaemon() {
 }
 
 void FakeDaemon::listen() {
-    const std::string &path = os::daemon_socket_path();
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    listener_ = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    if (listener_ < 0 || path.size() >= sizeof addr.sun_path)
-        return;
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    ::unlink(path.c_str());  // left by an earlier daemon of the same test
-    ok_ = ::bind(listener_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 &&
-          ::listen(listener_, 8) == 0;
+    listener_ = bind_daemon_socket(true);
+    ok_ = listener_ >= 0;
     if (ok_)
         thread_ = std::thread([this] { serve(); });
 }

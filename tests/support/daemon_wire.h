@@ -27,6 +27,12 @@ inline const std::string kEnd(3, '\0');
 std::string request(uint32_t code, const std::string &file, const std::string &item,
                     const std::string &name, const std::string &path, int32_t gid);
 
+// Sockets at the OS seam's daemon socket path, or -1: one bound to it (any
+// file left there is removed first), listening when `listen`, and one
+// connected to it.
+int bind_daemon_socket(bool listen);
+int connect_daemon_socket();
+
 // A stand-in daemon on the OS seam's daemon socket: one connection per
 // reply, in order. It keeps what each connection put on the socket, then
 // writes the reply and closes the connection. A reply is either one string
