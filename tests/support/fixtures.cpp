@@ -24,6 +24,16 @@ void install_sample(const Sandbox &sandbox, const std::string &working) {
     sandbox.write(current_config, sample("/etc/default-config.xml"));
 }
 
+std::string config_doc(const std::string &label, int entries) {
+    std::string doc =
+        "<qorconfig version=\"" + label + "\" devtype=\"AP\">\n<system><device name=\"" + label +
+        "\"/></system>\n<mgmt><accounts max=\"8\"><account user=\"admin\"/>" +
+        "<account user=\"operator\"/><session timeout=\"600\"/></accounts></mgmt>\n<pad>\n";
+    for (int i = 0; i < entries; ++i)
+        doc += "  <entry id=\"" + std::to_string(i) + "\" value=\"" + label + "\"/>\n";
+    return doc + "</pad>\n<tail mark=\"" + label + "\"/>\n</qorconfig>\n";
+}
+
 // Kept out of line: inlined into string-building callers, gcc's size
 // analysis reports a false overflow.
 [[gnu::noinline]] static char *exact_copy(std::string_view text) {
@@ -105,6 +115,19 @@ Handle open_file(const char *file, bool local) {
     if (local)
         set_all_net_qorcfg_mode(0);
     return own(init_qorcfg_f(file));
+}
+
+Handle open_net(const char *file) {
+    set_all_net_qorcfg_mode(1);
+    Handle h = own(init_qorcfg_f(file));
+    EXPECT_EQ(is_net_cfg(h.get()), 1) << file;
+    return h;
+}
+
+std::string stderr_of(const std::function<void()> &body) {
+    CaptureOutput err(STDERR_FILENO);
+    body();
+    return err.text();
 }
 
 unsigned sweep_allocations(const std::function<bool()> &attempt, bool strict) {
