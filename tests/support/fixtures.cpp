@@ -1,8 +1,10 @@
 // tests/support/fixtures.cpp - shared fixtures and the allocation fault sweep.
 #include "tests/support/fixtures.h"
 
+#include <filesystem>
 #include <fstream>
 #include <ostream>
+#include <set>
 #include <sstream>
 
 namespace qorcfg::test {
@@ -27,7 +29,7 @@ void install_sample(const Sandbox &sandbox, const std::string &working) {
 std::string config_doc(const std::string &label, int entries) {
     std::string doc =
         "<qorconfig version=\"" + label + "\" devtype=\"AP\">\n<system><device name=\"" + label +
-        "\"/></system>\n<mgmt><accounts max=\"8\"><account user=\"admin\"/>" +
+        "\"></device></system>\n<mgmt><accounts max=\"8\"><account user=\"admin\"/>" +
         "<account user=\"operator\"/><session timeout=\"600\"/></accounts></mgmt>\n<pad>\n";
     for (int i = 0; i < entries; ++i)
         doc += "  <entry id=\"" + std::to_string(i) + "\" value=\"" + label + "\"/>\n";
@@ -115,6 +117,23 @@ Handle open_file(const char *file, bool local) {
     if (local)
         set_all_net_qorcfg_mode(0);
     return own(init_qorcfg_f(file));
+}
+
+std::string locks(const Sandbox &sandbox) {
+    std::set<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator(sandbox.path("/var/lock")))
+        names.insert(entry.path().filename().string());
+    std::string out;
+    for (const std::string &name : names) {
+        const int fd = ::open(sandbox.path("/var/lock/" + name).c_str(), O_RDWR);
+        if (fd < 0)
+            continue;
+        const bool ex = ::flock(fd, LOCK_EX | LOCK_NB) == 0;
+        const bool sh = ex || ::flock(fd, LOCK_SH | LOCK_NB) == 0;
+        ::close(fd);
+        out += name + (ex ? " " : sh ? "(sh) " : "(ex) ");
+    }
+    return out;
 }
 
 Handle open_net(const char *file) {
