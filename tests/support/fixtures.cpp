@@ -1,8 +1,10 @@
 // tests/support/fixtures.cpp - shared fixtures and the allocation fault sweep.
 #include "tests/support/fixtures.h"
 
+#include <filesystem>
 #include <fstream>
 #include <ostream>
+#include <set>
 #include <sstream>
 
 namespace qorcfg::test {
@@ -22,6 +24,16 @@ void install_sample(const Sandbox &sandbox, const std::string &working) {
     sandbox.write(config_rom, sample("/conf/config.xml"));
     sandbox.write(config_ram, working);
     sandbox.write(current_config, sample("/etc/default-config.xml"));
+}
+
+std::string config_doc(const std::string &label, int entries) {
+    std::string doc =
+        "<qorconfig version=\"" + label + "\" devtype=\"AP\">\n<system><device name=\"" + label +
+        "\"></device></system>\n<mgmt><accounts max=\"8\"><account user=\"admin\"/>" +
+        "<account user=\"operator\"/><session timeout=\"600\"/></accounts></mgmt>\n<pad>\n";
+    for (int i = 0; i < entries; ++i)
+        doc += "  <entry id=\"" + std::to_string(i) + "\" value=\"" + label + "\"/>\n";
+    return doc + "</pad>\n<tail mark=\"" + label + "\"/>\n</qorconfig>\n";
 }
 
 // Kept out of line: inlined into string-building callers, gcc's size
@@ -105,6 +117,36 @@ Handle open_file(const char *file, bool local) {
     if (local)
         set_all_net_qorcfg_mode(0);
     return own(init_qorcfg_f(file));
+}
+
+std::string locks(const Sandbox &sandbox) {
+    std::set<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator(sandbox.path("/var/lock")))
+        names.insert(entry.path().filename().string());
+    std::string out;
+    for (const std::string &name : names) {
+        const int fd = ::open(sandbox.path("/var/lock/" + name).c_str(), O_RDWR);
+        if (fd < 0)
+            continue;
+        const bool ex = ::flock(fd, LOCK_EX | LOCK_NB) == 0;
+        const bool sh = ex || ::flock(fd, LOCK_SH | LOCK_NB) == 0;
+        ::close(fd);
+        out += name + (ex ? " " : sh ? "(sh) " : "(ex) ");
+    }
+    return out;
+}
+
+Handle open_net(const char *file) {
+    set_all_net_qorcfg_mode(1);
+    Handle h = own(init_qorcfg_f(file));
+    EXPECT_EQ(is_net_cfg(h.get()), 1) << file;
+    return h;
+}
+
+std::string stderr_of(const std::function<void()> &body) {
+    CaptureOutput err(STDERR_FILENO);
+    body();
+    return err.text();
 }
 
 unsigned sweep_allocations(const std::function<bool()> &attempt, bool strict) {

@@ -41,6 +41,17 @@ void install_sample(const Sandbox &sandbox,
 
 // ---- documents ---------------------------------------------------------------
 
+// A configuration whose paths follow the device's group table, labelled `label` in its
+// version, its device name and its last element, padded with `entries` elements (so that
+// writing it takes a while). Group elements have closing tags, so that each can be opened
+// alone.
+std::string config_doc(const std::string &label, int entries = 0);
+// A parsed tree, freed at the end of its scope.
+using Tree = std::unique_ptr<ezxml_node, decltype(&ezxml_free)>;
+inline Tree own(ezxml_node *root) {
+    return Tree(root, &ezxml_free);
+}
+
 // `text` parsed in place from a heap block of exactly its size (no final NUL,
 // so that the sanitizers see any read past it); the block lives as long as
 // the tree.
@@ -96,6 +107,26 @@ inline Handle own(qorcfg_handle *h) {
 // A handle on the parsed file, in whatever network mode the process is
 // (both modes are switched to 0 first when `local`).
 Handle open_file(const char *file, bool local = true);
+// The lock files under "/var/lock" that can be opened, sorted, each marked with how another
+// process could take it now: "name" (anyhow), "name(sh)" (shared only: it is held shared),
+// "name(ex)" (not at all: it is held exclusively).
+std::string locks(const Sandbox &sandbox);
+// A network-mode handle on `file` (the working copy or the current
+// configuration), both modes switched to 1 first.
+Handle open_net(const char *file = config_ram);
+// What `body` writes to standard error.
+std::string stderr_of(const std::function<void()> &body);
+
+// Fixture of the store's tests: a sandbox, the library's messages switched on, and
+// afterwards nothing shared and both network modes 1, as a process starts.
+class StoreTest : public SandboxTest {
+protected:
+    StoreTest() { setenv("QORCFG_PRINT_ERR", "1", 1); }
+    void TearDown() override {
+        set_shared_qorcfg(nullptr, 0);
+        set_shared_qorcfg(nullptr, 1);
+    }
+};
 
 // ---- faults ------------------------------------------------------------------
 
