@@ -19,63 +19,46 @@ std::string utf16le(std::u16string_view text) {
 }
 
 TEST(XmlHostile, CharacterReferencesOutOfRangeGiveADefinedTree) {
-    // Zero-valued references stay as written.
-    for (const char *ref : {"&#0;", "&#x0;", "&#00;", "&#x00;", "&#;", "&#x;", "&#0"}) {
-        Parsed p("<r a=\"" + std::string(ref) + "\">" + ref + "</r>");
-        ASSERT_EQ(p.error(), "") << ref;
-        EXPECT_STREQ(p.root()->txt, ref);
-        EXPECT_STREQ(ezxml_attr(p.root(), "a"), ref);
-    }
-    Parsed max("<r>&#x7FFFFFFF;</r>");
-    EXPECT_STREQ(max.root()->txt, "\xFD\xBF\xBF\xBF\xBF\xBF");  // six bytes from 31 bits
-    for (const char *ref : {"&#99999999999;", "&#xFFFFFFFFFFFFFFFF;", "&#18446744073709551616;",
-                            "&#-1;", "&#x-41;", "&#x110000;", "&#xD800;", "&#xDFFF;"}) {
-        Parsed p("<r a=\"" + std::string(ref) + "\">" + ref + "</r>");
-        ASSERT_EQ(p.error(), "") << ref;
-        EXPECT_GT(std::strlen(p.root()->txt), 0u);
-        EXPECT_LE(std::strlen(p.root()->txt), 32u);
-    }
+    // No digits: as written; 31 bits: six bytes; a number past 64 bits: a
+    // short text, not a wrapped-around character.
+    Parsed p("<r a=\"&#x;\">&#;&#x7FFFFFFF;|&#18446744073709551681;</r>");
+    ASSERT_EQ(p.error(), "");
+    EXPECT_STREQ(ezxml_attr(p.root(), "a"), "&#x;");
+    const std::string txt = p.root()->txt;
+    EXPECT_EQ(txt.substr(0, 10), "&#;\xFD\xBF\xBF\xBF\xBF\xBF|");
+    EXPECT_TRUE(txt.size() > 10 && txt.size() <= 10 + 24 && txt[10] != 'A') << txt;
 }
 
 TEST(XmlHostile, TruncatedInputEndsInAnError) {
-    // A byte order mark with nothing (or an odd byte, or a lone surrogate)
-    // after it; a UTF-8 mark is text, not markup.
-    for (const std::string &input :
-         {std::string("\xFF\xFE"), std::string("\xFE\xFF"), std::string("\xFF\xFE<"),
-          std::string("\xFE\xFF\x00", 3), std::string("\xFF\xFE\x3C\x00\x00\xD8", 6),
-          std::string("\xEF\xBB\xBF"), std::string("\xFF"), std::string("\xFE")})
+    // A byte order mark with nothing after it; a UTF-8 mark is text, not
+    // markup.
+    for (const char *input : {"\xFE\xFF", "\xEF\xBB\xBF"})
         EXPECT_NE(Parsed(input).error(), "") << testing::PrintToString(input);
-    for (const char *doc :
-         {"<!DOCTYPE r [>", "<!DOCTYPE r [<!ENTITY a 'x'>", "<!DOCTYPE r [<!ATTLIST r a CDATA 'x'>",
-          "<!DOCTYPE r [<!-- ] -->", "<!DOCTYPE r [<!ENTITY a 'x'>]"})
-        EXPECT_EQ(Parsed(doc).error(), "[error near line 1]: unclosed <!DOCTYPE") << doc;
-    Parsed empty("");
-    EXPECT_EQ(empty.error(), "[error near line 1]: root tag missing");
 
-    // Every truncation of a rich document ends in an error, the whole in none.
-    const std::string rich =
-        "<?xml version=\"1.0\"?>\n"
-        "<!DOCTYPE r [<!ENTITY e \"long &#x20AC; value\"><!ENTITY % p \"pp\"><!ENTITY f "
-        "\"%p;&e;\"><!ATTLIST r t NMTOKENS #IMPLIED d CDATA 'v&lt;'>]>\n<?pi before?><!-- n -->\n"
+    // Every truncation of a rich document ends in an error, the whole in
+    // none; in UTF-16 too (a cut inside the surrogate pair leaves half a
+    // character).
+    std::string rich =
+        "<?xml version=\"1.0\"?>\n<!DOCTYPE r [<!ENTITY a;b \"odd\"><!ENTITY % p \"P\">"
+        "<!ENTITY e \"long &#x20AC; value\"><!ENTITY f \"%p;&e;\">"
+        "<!ATTLIST r t NMTOKENS #IMPLIED d CDATA 'v&lt;'>";
+    for (int i = 0; i < 12; ++i)  // enough names for the entity lists to grow
+        rich += "<!ENTITY e" + std::to_string(i) + " \"&e" + std::to_string(i + 1) +
+                ";%p;\"><!ENTITY % q" + std::to_string(i) + " \"%p;\">";
+    rich +=
+        "<!ENTITY e12 \"end\">]>\n<?pi before?><!-- n -->\n"
         "<r t=' a  b ' q=\"&lt;&e;&#65;\">text &amp; &f; &#x1F600;<![CDATA[<raw>]]>"
-        "<c k='1'/>\r\n<c>x</c><?pi in?></r>";
+        "<c k='1'/>\r\n<c>x</c>&e0;&a;b;<?pi in?></r>";
     for (size_t n = 0; n <= rich.size(); ++n)
         EXPECT_EQ(Parsed(rich.substr(0, n)).error().empty(), n == rich.size()) << n;
-    const std::string wide = utf16le(u"<r a=\"\u00E9\">x\U0001F600<c/>&#65;</r>");
-    for (size_t n = 0; n <= wide.size(); ++n) {
-        Parsed p(wide.substr(0, n));
-        if (n + 1 < wide.size() || n == wide.size()) {
-            EXPECT_EQ(p.error().empty(), n == wide.size()) << n;
-        }
-    }
+    const std::string wide = utf16le(
+        u"<!DOCTYPE r [<!ENTITY e \"longer\">]><r a=\"\u00E9\">&e;x\U0001F600<c/>&#65;</r>");
+    for (size_t n = 0; n + 1 < wide.size(); ++n)  // (a final odd byte is ignored)
+        EXPECT_NE(Parsed(wide.substr(0, n)).error(), "") << n;
+    EXPECT_EQ(Parsed(wide).error(), "");
 
-    // Allocation failures end in NULL or an error, for each of these inputs.
-    std::string entities = "<!DOCTYPE r [<!ENTITY a;b \"odd\"><!ENTITY % p \"P\">";
-    for (int i = 0; i < 12; ++i)
-        entities += "<!ENTITY e" + std::to_string(i) + " \"&e" + std::to_string(i + 1) +
-                    ";%p;\"><!ENTITY % q" + std::to_string(i) + " \"%p;\">";
-    entities += "<!ENTITY e12 \"end\">]><r>&e0;&a;b;</r>";
-    for (const std::string &doc : {rich, utf16le(u"<r a=\"&lt;\">x<c/>y</r>\n"), entities})
+    // Allocation failures end in NULL or an error.
+    for (const std::string &doc : {rich, wide})
         EXPECT_GT(sweep_allocations([&] {
                       Parsed p(doc);
                       return p.root() != nullptr && p.error().empty();
@@ -101,23 +84,14 @@ std::string entity_bomb(bool parameter) {
 }
 
 TEST(XmlHostile, EntityExpansionIsBoundedAndCircularEntitiesAreErrors) {
-    for (bool parameter : {false, true}) {
-        Parsed p(entity_bomb(parameter));
-        ASSERT_NE(p.root(), nullptr);
-        if (p.error().empty()) {
-            EXPECT_LT(std::strlen(p.root()->txt), kBound);
-            const char *a = ezxml_attr(p.root(), "a");
-            EXPECT_LT(a == nullptr ? 0 : std::strlen(a), kBound);
-        }
-    }
-    // A general entity that refers back to itself is an error; parameter
-    // entities are circular the same way.
+    for (bool parameter : {false, true})  // the tree, with or without an error, stays small
+        EXPECT_LT(xml_of(Parsed(entity_bomb(parameter)).root()).size(), kBound) << parameter;
+    // General entities that refer back to themselves through others are an
+    // error; parameter entities are circular the same way. A reference
+    // without its ';' is no reference.
     for (const char *doc : {
-             "<!DOCTYPE r [<!ENTITY a \"x&a;\">]><r>&a;</r>",
-             "<!DOCTYPE r [<!ENTITY a \"&b;\"><!ENTITY b \"&a;\">]><r>&a;&b;</r>",
              "<!DOCTYPE r [<!ENTITY a \"&b;\"><!ENTITY b \"&c;\"><!ENTITY c \"[&a;]\">]>"
              "<r a=\"&a;\">&c;</r>",
-             "<!DOCTYPE r [<!ENTITY % p \"%p;\"><!ENTITY g \"%p;\">]><r>&g;</r>",
              "<!DOCTYPE r [<!ENTITY % a \"%b;\"><!ENTITY % b \"x%a;\"><!ENTITY g \"%a;%b;\">]>"
              "<r>&g;</r>",
          })
@@ -125,68 +99,61 @@ TEST(XmlHostile, EntityExpansionIsBoundedAndCircularEntitiesAreErrors) {
             Parsed(doc).error().rfind("[error near line 1]: circular entity declaration &", 0), 0u)
             << doc;
     Parsed unfinished("<!DOCTYPE r [<!ENTITY a \"&a\"><!ENTITY b \"&b &b\">]><r>&a;&b;</r>");
-    EXPECT_LT(std::strlen(unfinished.root()->txt), kBound);
+    EXPECT_STREQ(unfinished.root()->txt, "&a&b &b");
 
     // Chains of declarations, referring forwards and backwards: each costs
     // its own allocations (name and value), and the lists grow by doubling.
+    // In the long (hashed) list the first declaration of a name still wins,
+    // the predefined ones first, and names holding a ';' match where a
+    // reference has them.
     constexpr int kCount = 5000;
-    std::string doc = "<!DOCTYPE r [<!ENTITY a;b \"odd\"><!ENTITY % p \"P\"><!ENTITY b0 \"x\">";
+    std::string doc =
+        "<!DOCTYPE r [<!ENTITY lt \"X\"><!ENTITY a;b \"odd\"><!ENTITY % p \"P\">"
+        "<!ENTITY b0 \"x\"><!ENTITY b0 \"y\">";
     for (int i = 0; i < kCount; ++i)
         doc += "<!ENTITY e" + std::to_string(i) + " \"&e" + std::to_string(i + 1) +
                ";%p;\"><!ENTITY % q" + std::to_string(i) + " \"%p;\"><!ENTITY b" +
                std::to_string(i + 1) + " \"&b" + std::to_string(i) + ";\">";
     qorcfg::os::count_calls(true);
-    Parsed p(doc + "<!ENTITY e5000 \"end\">]><r>&e0;&a;b;</r>");
+    Parsed p(doc + "<!ENTITY e5000 \"end\">]><r>&e0;&a;b;&lt;&b5000;</r>");
     const unsigned allocations = qorcfg::os::calls(Call::alloc);
     qorcfg::os::count_calls(false);
     ASSERT_EQ(p.error(), "");
-    EXPECT_EQ(p.root()->txt, "end" + std::string(kCount, 'P') + "odd");
+    EXPECT_EQ(p.root()->txt, "end" + std::string(kCount, 'P') + "odd<x");
     EXPECT_LT(allocations, 3u * 3 * kCount);
 }
 
-TEST(XmlHostile, DeepNestingAndThousandsOfChildrenAndAttributes) {
+TEST(XmlHostile, DeepNestingAndThousandsOfChildren) {
     constexpr size_t kDepth = 100000;
     std::string open, close;
     for (size_t i = 0; i < kDepth; ++i)
         open += "<a>", close += "</a>";
-    {
-        const std::string doc = open + "x" + close;
-        Parsed p(doc + "\n");
-        ASSERT_EQ(p.error(), "");
-        size_t depth = 1;
-        const ezxml_node *n = p.root();
-        for (; n->child != nullptr; n = n->child)
-            ++depth;
-        EXPECT_EQ(depth, kDepth);
-        EXPECT_STREQ(n->txt, "x");
-        EXPECT_TRUE(xml_of(p.root()) == doc);
-    }
+    const std::string deep = open + "x" + close;
+    Parsed p(deep + "\n");
+    ASSERT_EQ(p.error(), "");
+    size_t depth = 1;
+    const ezxml_node *n = p.root();
+    for (; n->child != nullptr; n = n->child)
+        ++depth;
+    EXPECT_EQ(depth, kDepth);
+    EXPECT_STREQ(n->txt, "x");
+    EXPECT_TRUE(xml_of(p.root()) == deep);
     EXPECT_EQ(Parsed(open + "x").error(), "[error near line 1]: unclosed tag <a>");
 
-    constexpr int kChildren = 5000, kAttrs = 2000;
-    std::string doc = "<r>", tag = "<r";
-    for (int i = 0; i < kChildren; ++i) {
-        const std::string name = i % 2 == 0 ? "a" : "b";
-        doc += "<" + name + ">" + std::to_string(i) + "</" + name + ">";
-    }
+    constexpr int kChildren = 5000;
+    std::string doc = "<r>";
+    for (int i = 0; i < kChildren; ++i)
+        doc += (i % 2 == 0 ? "<a>" : "<b>") + std::to_string(i) + (i % 2 == 0 ? "</a>" : "</b>");
     doc += "</r>";
-    for (int i = 0; i < kAttrs; ++i)
-        tag += " a" + std::to_string(i) + "=\"" + std::to_string(i) + "\"";
-    tag += "></r>";
     Parsed children(doc + "\n");
     ASSERT_EQ(children.error(), "");
     ezxml_node *a = ezxml_child(children.root(), "a");
     EXPECT_EQ(std::string(ezxml_idx(a, kChildren / 2 - 1)->txt), std::to_string(kChildren - 2));
     EXPECT_EQ(ezxml_idx(a, kChildren / 2), nullptr);
     EXPECT_TRUE(xml_of(children.root()) == doc);
-    Parsed attributes(tag);
-    ASSERT_EQ(attributes.error(), "");
-    EXPECT_STREQ(ezxml_attr(attributes.root(), "a1999"), "1999");
-    EXPECT_EQ(std::strlen(attributes.root()->attr[2 * kAttrs + 1]), static_cast<size_t>(kAttrs));
-    EXPECT_TRUE(xml_of(attributes.root()) == tag);
 }
 
-class XmlHostileFiles : public SandboxTest {};
+using XmlHostileFiles = SandboxTest;
 
 TEST_F(XmlHostileFiles, EmptyFilesAndStreams) {
     char byte = '<';
