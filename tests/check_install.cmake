@@ -4,7 +4,8 @@
 # A static program also reads a value from a copy of the sample device root
 # through qorcfg_offline.h.
 #   cmake -DBUILD_DIR=... -DSCRATCH=... -DCC=... -DCXX=... -DDEVROOT=...
-#         -P check_install.cmake
+#         [-DLINK_FLAGS=...] -P check_install.cmake
+# LINK_FLAGS are the build's own program link flags (--coverage, say).
 cmake_minimum_required(VERSION 3.25)
 set(prefix ${SCRATCH}/install-prefix)
 set(work ${SCRATCH}/install-check)
@@ -39,6 +40,7 @@ run("pkg-config" pkg-config --cflags --libs qorcfg)
 separate_arguments(flags UNIX_COMMAND "${output}")
 run("pkg-config --static" pkg-config --static --cflags --libs qorcfg)
 separate_arguments(static_flags UNIX_COMMAND "${output}")
+separate_arguments(link_flags UNIX_COMMAND "${LINK_FLAGS}")
 
 set(builds
   "c99|${CC},-std=c99,-pedantic,-Werror,-Wall|dynamic"
@@ -56,7 +58,7 @@ foreach(build IN LISTS builds)
   else()
     set(libs ${flags})
   endif()
-  run("building ${name}" ${compile} ${work}/prog.c ${libs} -o ${work}/prog-${name})
+  run("building ${name}" ${compile} ${work}/prog.c ${libs} ${link_flags} -o ${work}/prog-${name})
   set(ENV{LD_LIBRARY_PATH} ${prefix}/lib)
   run("running ${name}" ${work}/prog-${name})
   if(NOT output STREQUAL "qorconfig.system.device 1\n")
@@ -82,7 +84,7 @@ int main(int argc, char **argv) {
 }
 ]=])
 file(COPY ${DEVROOT}/ DESTINATION ${work}/image)
-run("building the image reader" ${CC} -std=c99 -static ${work}/image.c ${static_flags}
+run("building the image reader" ${CC} -std=c99 -static ${work}/image.c ${static_flags} ${link_flags}
     -o ${work}/image-reader)
 run("reading the image" ${work}/image-reader ${work}/image)
 if(NOT output STREQUAL "0 AP-Lab-01\n")
