@@ -9,6 +9,8 @@
 //                                        split at spaces, '' is an empty word
 //                                        and '...' a word with spaces)
 //   env: QORCFG_PRINT_ERR=0             (optional, repeatable)
+//   truncate: conf/config.xml 3000      (optional: the root's file cut short
+//                                        at that many bytes before the run)
 //   status: 0
 //   stdout:                             ("stdout begins:" compares only the
 //   ...                                  first lines)
@@ -115,6 +117,7 @@ struct DeviceRoot : qorcfg::test::Sandbox {
 struct Transcript {
     std::string header;  // comment, run and env lines, as written
     std::vector<std::string> args, env;
+    std::vector<std::pair<std::string, uintmax_t>> cuts;  // "truncate:" lines
     int status = -1;
     bool stdout_prefix = false;  // "stdout begins:"
     std::string out, err;
@@ -142,6 +145,8 @@ Transcript load_transcript(const std::string &name) {
             t.args = parse_words(line.substr(4)), have_run = true, t.header += line + "\n";
         else if (line.starts_with("env: "))
             t.env.push_back(line.substr(5)), t.header += line + "\n";
+        else if (const auto w = parse_words(line); w.size() == 3 && w[0] == "truncate:")
+            t.cuts.emplace_back(w[1], std::stoull(w[2])), t.header += line + "\n";
         else if (line.empty() || line.starts_with("#"))
             t.header += line + "\n";
         else
@@ -175,6 +180,8 @@ TEST_P(Golden, OutputErrorsAndStatusMatchTheTranscript) {
     const std::string name = GetParam();
     const Transcript t = load_transcript(name);
     DeviceRoot device;
+    for (const auto &[file, size] : t.cuts)
+        fs::resize_file(device.root() + "/" + file, size);
     const Result r = run_cli(device.root(), t.args, t.env);
     ASSERT_EQ(r.signal, 0) << "the tool was killed; stderr:\n" << r.err;
     const std::string out = t.stdout_prefix ? first_lines(r.out, t.out) : r.out;
