@@ -48,6 +48,7 @@ struct State {
     Clock clock;
     std::array<Fault, static_cast<size_t>(Call::count_)> faults{};
     bool counting = false;
+    CallHook hook;
     // Streams handed out by popen() while a runner is installed, with the
     // text they read and the status pclose() returns for them.
     struct Canned {
@@ -68,8 +69,9 @@ bool g_watching = false;
 
 void update_watching() {
     const State &s = state();
-    g_watching = s.counting || std::any_of(s.faults.begin(), s.faults.end(),
-                                           [](const Fault &f) { return f.nth != 0; });
+    g_watching =
+        s.counting || s.hook ||
+        std::any_of(s.faults.begin(), s.faults.end(), [](const Fault &f) { return f.nth != 0; });
 }
 
 // True when this call of `kind` must fail; errno is then set.
@@ -78,6 +80,8 @@ bool faulted(Call kind) {
         return false;
     Fault &f = state().faults[static_cast<size_t>(kind)];
     ++f.calls;
+    if (state().hook)
+        state().hook(kind, f.calls);
     if (f.nth == 0)
         return false;
     if (f.calls == f.nth || (f.sticky && f.calls > f.nth)) {
@@ -610,6 +614,11 @@ void reset_faults() {
     update_watching();
 }
 
+void set_call_hook(CallHook hook) {
+    state().hook = std::move(hook);
+    update_watching();
+}
+
 void reset() {
     State &s = state();
     s.root.clear();
@@ -621,6 +630,7 @@ void reset() {
     s.ioctl_handler = nullptr;
     s.clock = nullptr;
     reset_faults();
+    set_call_hook(nullptr);
 }
 
 }  // namespace qorcfg::os

@@ -234,6 +234,11 @@ unsigned calls(Call kind);
 void count_calls(bool on);
 // Disarm every fault and zero the counters.
 void reset_faults();
+// Called before every call through the seam with its kind and its number
+// among the calls of that kind (1 = the first since the counters were
+// zeroed): a test can stop a process at any step, with a real signal.
+using CallHook = std::function<void(Call kind, unsigned nth)>;
+void set_call_hook(CallHook hook);
 
 // Reset the whole seam to production behaviour.
 void reset();
