@@ -31,6 +31,20 @@ struct ItemListFree {
 };
 using ItemList = std::unique_ptr<qorcfg_item, ItemListFree>;
 
+// Sets attribute `name` of `element` to `value`, the tree owning copies of
+// both; false when memory runs out (nothing changes then).
+bool set_copied(ezxml_node *element, const char *name, const char *value) {
+    char *name_copy = os::strdup(name);
+    char *value_copy = os::strdup(value);
+    if (name_copy == nullptr || value_copy == nullptr) {
+        std::free(name_copy);
+        std::free(value_copy);
+        return false;
+    }
+    ezxml_set_attr(ezxml_set_flag(element, EZXML_COPY), name_copy, value_copy);
+    return true;
+}
+
 // Adds a child `tag` to `parent` at text offset `off` with every attribute
 // of `pattern`, in its order, each with an empty value; the tree owns the
 // copies. NULL when memory runs out (the child may then lack attributes).
@@ -46,14 +60,8 @@ ezxml_node *add_from_template(ezxml_node *parent, const char *tag, size_t off,
     }
     ezxml_set_flag(child, EZXML_NAME_OWNED);
     for (char **a = pattern->attr; a != nullptr && a[0] != nullptr; a += 2) {
-        char *attr = os::strdup(a[0]);
-        char *empty = os::strdup("");
-        if (attr == nullptr || empty == nullptr) {
-            std::free(attr);
-            std::free(empty);
+        if (!set_copied(child, a[0], ""))
             return nullptr;
-        }
-        ezxml_set_attr(ezxml_set_flag(child, EZXML_COPY), attr, empty);
     }
     return child;
 }
@@ -115,14 +123,8 @@ int make_indexed(qorcfg_handle *handle, char *element_path, bool &changed, ezxml
     if (made == nullptr)
         return QORCFG_ERR_NOMEM;
     if (ezxml_attr(parent, "cur_num") != nullptr) {
-        char *count = os::strdup(std::to_string(index + 1).c_str());
-        char *name = os::strdup("cur_num");
-        if (count == nullptr || name == nullptr) {
-            std::free(count);
-            std::free(name);
+        if (!set_copied(parent, "cur_num", std::to_string(index + 1).c_str()))
             return QORCFG_ERR_NOMEM;
-        }
-        ezxml_set_attr(ezxml_set_flag(parent, EZXML_COPY), name, count);
         changed = true;
     }
     return QORCFG_OK;
@@ -153,14 +155,8 @@ int set_item(qorcfg_handle *handle, const char *group_path, const qorcfg_item *i
     const char *value = item->value != nullptr ? item->value : "";
     if (std::strcmp(stored, value) == 0)
         return QORCFG_OK;
-    char *copy = os::strdup(value);
-    char *attr_copy = os::strdup(attr);
-    if (copy == nullptr || attr_copy == nullptr) {
-        std::free(copy);
-        std::free(attr_copy);
+    if (!set_copied(element, attr, value))
         return QORCFG_ERR_NOMEM;
-    }
-    ezxml_set_attr(ezxml_set_flag(element, EZXML_COPY), attr_copy, copy);
     changed = true;
     return QORCFG_OK;
 }

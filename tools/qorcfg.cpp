@@ -184,6 +184,18 @@ std::string what_of(std::string_view command, const std::vector<std::string> &ar
     return what;
 }
 
+// The group-table row a GROUP argument names; on failure the usage error or
+// the unknown group is reported, its status in `status`, and NULL returned.
+const qorcfg_group *row_of(const std::string &what, const std::string &text, int &status) {
+    GroupArg group;
+    if (!group_arg(what, text, group, status))
+        return nullptr;
+    const qorcfg_group *row = group_row(group);
+    if (row == nullptr)
+        status = fail(what, QORCFG_ERR_GROUP);
+    return row;
+}
+
 // Owns an attribute list.
 struct AttrList {
     qorcfg_attr *head = nullptr;
@@ -265,13 +277,10 @@ int cmd_get_path(const std::vector<std::string> &args) {
 
 int cmd_show(const std::vector<std::string> &args) {
     const std::string what = what_of("show", args);
-    GroupArg group;
     int status = 0;
-    if (!group_arg(what, args[0], group, status))
-        return status;
-    const qorcfg_group *row = group_row(group);
+    const qorcfg_group *row = row_of(what, args[0], status);
     if (row == nullptr)
-        return fail(what, QORCFG_ERR_GROUP);
+        return status;
     // The group's attribute list, from the daemon when one answers, else
     // from the working copy.
     qorcfg_handle *handle = init_qorcfg();
@@ -349,13 +358,10 @@ struct ItemList {
 
 int cmd_set(const std::vector<std::string> &args) {
     const std::string what = what_of("set", args);
-    GroupArg group;
     int status = 0;
-    if (!group_arg(what, args[0], group, status))
-        return status;
-    const qorcfg_group *row = group_row(group);
+    const qorcfg_group *row = row_of(what, args[0], status);
     if (row == nullptr)
-        return fail(what, QORCFG_ERR_GROUP);
+        return status;
     // The pairs in the order given: a list is built at its tail.
     ItemList items;
     qorcfg_item **tail = &items.head;
