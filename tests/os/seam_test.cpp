@@ -1,18 +1,12 @@
 // The OS seam: rooted paths, recorded commands and signals, canned replies
 // and injected faults, and the whole-file writer. Every later test relies on
 // these being exact.
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
-#include <memory>
 
-#include "os/os.h"
-#include "tests/support/sandbox.h"
+#include "tests/support/fixtures.h"
 
 namespace os = qorcfg::os;
 using qorcfg::test::SandboxTest;

@@ -16,7 +16,9 @@
 #include "store/wire.h"
 
 namespace qorcfg::test {
+namespace {
 
+// Big-endian 16- and 32-bit fields.
 std::string be16(uint32_t v) {
     return {static_cast<char>((v >> 8) & 0xff), static_cast<char>(v & 0xff)};
 }
@@ -24,6 +26,8 @@ std::string be16(uint32_t v) {
 std::string be32(uint32_t v) {
     return be16(v >> 16) + be16(v & 0xffff);
 }
+
+}  // namespace
 
 std::string header(uint32_t flags, int32_t result) {
     return std::string(1, static_cast<char>(wire::kHeaderRecord)) + be16(wire::kHeaderValue) +

@@ -64,7 +64,7 @@ TEST_F(PingTest, TargetsReachTheToolsAsTheyStand) {
     EXPECT_EQ(sandbox.runs(), expected);
 }
 
-TEST_F(PingTest, TargetsWithShellCharactersAreRefused) {
+TEST_F(PingTest, TargetsWithShellCharactersAndJobsThatDoNotStartAreRefused) {
     // Were a target let through, its job would start and report a process ID.
     sandbox.answer("/bin/ping", "4321\n");
     sandbox.answer("/usr/bin/traceroute", "4321\n");
@@ -82,13 +82,11 @@ TEST_F(PingTest, TargetsWithShellCharactersAreRefused) {
     }
     EXPECT_EQ(qor_ping(nullptr), -8);
     EXPECT_EQ(sandbox.commands(), std::vector<std::string>{});
-}
 
-TEST_F(PingTest, AJobThatDoesNotStartIsRefused) {
-    // No positive process ID printed, or no pipe: -8 and no ID stored.
-    const std::vector<std::string> outputs = {"0\n", "", "-12\n", "sh: can't fork\n"};
+    // A job that does not start (no positive process ID printed, or no
+    // pipe) is refused too: -8 and no ID stored.
     int n = 0;
-    for (const std::string &output : outputs) {
+    for (const std::string output : {"0\n", "", "-12\n", "sh: can't fork\n"}) {
         const std::string target = "10.0.1." + std::to_string(++n);
         sandbox.answer(ping_pid_line(target), output);
         sandbox.answer(trace_pid_line(target), output);

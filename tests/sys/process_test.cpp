@@ -18,8 +18,6 @@ using qorcfg::os::Reply;
 // the test does not depend on the environment it is started from.
 using ProcessTest = StoreTest;
 
-// ---- get_pid -----------------------------------------------------------------
-
 constexpr const char *kPs = "/bin/ps";
 
 // The listing is read through one read pipe of exactly "/bin/ps" per call
@@ -72,8 +70,6 @@ TEST_F(ProcessTest, GetPidFindsOwnChildInRealListing) {
     EXPECT_EQ(get_pid(("qorcfg-absent-process-" + name).c_str()), 0);
 }
 
-// ---- qor_system --------------------------------------------------------------
-
 TEST_F(ProcessTest, QorSystemRunsLineAsBuiltAndReturnsRawStatus) {
     const std::pair<std::string, int> cases[] = {
         {"/etc/rc.d/rc.wlan restart 3", 0},
@@ -98,8 +94,6 @@ TEST_F(ProcessTest, QorSystemRunsLineAsBuiltAndReturnsRawStatus) {
     EXPECT_EQ(WEXITSTATUS(failed), 3);
     EXPECT_EQ(qor_system("exit 0"), 0);
 }
-
-// ---- get_rc_env --------------------------------------------------------------
 
 std::string rc_command(const std::string &name) {
     return ". /etc/rc.d/rc.env; echo -n \"$" + name + "\"";
@@ -160,8 +154,6 @@ TEST_F(ProcessTest, GetRcEnvRefusesBadArgumentsAndFailingPipe) {
     // Only the call that could run did.
     EXPECT_EQ(sandbox.runs(), std::vector<std::string>{"pipe: " + rc_command("LAN_IPADDR")});
 }
-
-// ---- get_file_content --------------------------------------------------------
 
 TEST_F(ProcessTest, GetFileContentGivesFirstLineAndCutsProcVersion) {
     const std::tuple<const char *, std::string, std::string> cases[] = {
