@@ -68,32 +68,27 @@ private:
     std::vector<pid_t> pids_;
 };
 
-// Whether the kernel's lock table lists process `pid` as holding (or, with
-// `waiting`, as queued for) a flock lock on the file with inode `inode`:
-// "1: FLOCK  ADVISORY  WRITE 4321 fe:00:5423993 0 EOF", and "-> " (indented
-// by the depth of the queue) before "FLOCK" when queued.
-bool in_lock_table(pid_t pid, ino_t inode, bool waiting) {
-    const std::regex entry("^[0-9]+: " + std::string(waiting ? " *-> " : "") +
-                           "FLOCK +\\w+ +\\w+ +" + std::to_string(pid) +
-                           " +[0-9a-f]+:[0-9a-f]+:" + std::to_string(inode) + " ");
-    std::ifstream table("/proc/locks");
-    for (std::string line; std::getline(table, line);)
-        if (std::regex_search(line, entry))
-            return true;
-    return false;
-}
-
 // Waits until `pid` is queued for the working copy's lock, which this
-// process holds. Where the lock table does not show this process's own lock
-// (no /proc/locks, another pid namespace) nothing can be waited for; the
-// test then still checks what the readers finally read.
+// process holds, as the kernel's lock table shows: "1: FLOCK  ADVISORY  WRITE
+// 4321 fe:00:5423993 0 EOF" for the holder, and "-> " (indented by the depth
+// of the queue) before "FLOCK" for a waiter. Where the table does not show
+// this process's own lock (no /proc/locks, another pid namespace) nothing can
+// be waited for; the test then still checks what the readers finally read.
 bool queued_behind_us(const Sandbox &sandbox, pid_t pid) {
     struct stat st {};
     if (::stat(sandbox.path("/var/lock/qorcfg_ram").c_str(), &st) != 0)
         return false;
-    if (!in_lock_table(::getpid(), st.st_ino, false))
-        return true;
-    return eventually([&] { return in_lock_table(pid, st.st_ino, true); });
+    const auto listed = [&st](pid_t holder, const std::string &queued) {
+        const std::regex entry("^[0-9]+: " + queued + "FLOCK +\\w+ +\\w+ +" +
+                               std::to_string(holder) +
+                               " +[0-9a-f]+:[0-9a-f]+:" + std::to_string(st.st_ino) + " ");
+        std::ifstream table("/proc/locks");
+        for (std::string line; std::getline(table, line);)
+            if (std::regex_search(line, entry))
+                return true;
+        return false;
+    };
+    return !listed(::getpid(), "") || eventually([&] { return listed(pid, " *-> "); });
 }
 
 // In a child: the label of the working copy, opened as init_qorcfg_direct

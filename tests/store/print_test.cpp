@@ -36,12 +36,9 @@ protected:
             setenv("QORCFG_PRINT_ERR", at_start, 1);
         else
             unsetenv("QORCFG_PRINT_ERR");
-        std::string report;
-        {
-            CaptureOutput err(STDERR_FILENO);
-            const int count = body();
-            report = "count=" + std::to_string(count) + " text=[" + err.text() + "]";
-        }
+        CaptureOutput err(STDERR_FILENO);
+        const int count = body();
+        const std::string report = "count=" + std::to_string(count) + " text=[" + err.text() + "]";
         std::fwrite(report.data(), 1, report.size(), stderr);
         std::fflush(stderr);
         std::_Exit(0);

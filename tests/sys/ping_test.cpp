@@ -23,10 +23,9 @@ std::string trace_pid_line(const std::string &target) {
 // the _p forms delete their own result file first and report the job's
 // process ID, qor_ping leaves the old result.
 TEST_F(PingTest, TargetsReachTheToolsAsTheyStand) {
-    std::string longest_name;  // a 253-character host name, the longest DNS allows
-    for (char label : {'a', 'b', 'c'})
-        longest_name += std::string(63, label) + ".";
-    longest_name += std::string(61, 'd');
+    // A 253-character host name, the longest DNS allows.
+    const std::string longest_name = std::string(63, 'a') + "." + std::string(63, 'b') + "." +
+                                     std::string(63, 'c') + "." + std::string(61, 'd');
     const std::vector<std::string> targets = {
         "10.0.0.1",
         "10.0.0.1 -s 1000",      // extra options reach the tool

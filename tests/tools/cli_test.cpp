@@ -192,9 +192,7 @@ TEST_P(Golden, OutputErrorsAndStatusMatchTheTranscript) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cli, Golden, ::testing::ValuesIn(transcripts()),
-                         [](const ::testing::TestParamInfo<std::string> &param) {
-                             return param.param;
-                         });
+                         [](const auto &param) { return param.param; });
 
 // ---- statuses of hostile arguments; reads leave the files alone -----------------------
 
