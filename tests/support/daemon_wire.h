@@ -39,7 +39,7 @@ class FakeDaemon {
 public:
     explicit FakeDaemon(std::vector<std::string> replies);
     explicit FakeDaemon(std::vector<std::vector<std::string>> chunked_replies);
-    ~FakeDaemon();
+    ~FakeDaemon() { stop(); }
     FakeDaemon(const FakeDaemon &) = delete;
     FakeDaemon &operator=(const FakeDaemon &) = delete;
 

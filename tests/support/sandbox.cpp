@@ -119,10 +119,6 @@ CaptureOutput::CaptureOutput(int fd) : fd_(fd) {
     ::close(tmp);
 }
 
-CaptureOutput::~CaptureOutput() {
-    text();
-}
-
 std::string CaptureOutput::text() {
     if (!done_) {
         std::fflush(nullptr);

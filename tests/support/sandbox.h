@@ -62,7 +62,7 @@ protected:
 class CaptureOutput {
 public:
     explicit CaptureOutput(int fd);
-    ~CaptureOutput();
+    ~CaptureOutput() { text(); }
     CaptureOutput(const CaptureOutput &) = delete;
     CaptureOutput &operator=(const CaptureOutput &) = delete;
     // Stop capturing and return the text; later calls return the same text.
