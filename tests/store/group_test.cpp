@@ -117,8 +117,6 @@ TEST(GroupTable, LookupsFollowTheLiveTableAndGiveItsOwnRows) {
     EXPECT_EQ(group_by_path(nullptr), nullptr);
 }
 
-// ---- item lists ------------------------------------------------------------------------
-
 constexpr int32_t kSysDevice = 0x08080000;  // group "sys_device"
 constexpr int32_t kAccounts = 0x18080000;   // group "mgmt_accounts"
 

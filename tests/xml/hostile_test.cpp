@@ -27,9 +27,8 @@ TEST(XmlHostile, TruncatedInputEndsInAnError) {
         EXPECT_NE(Parsed(input).error(), "") << testing::PrintToString(input);
     // Nothing at all: an error, and nothing before or at the start is written.
     char byte = '<';
-    ezxml_node *root = ezxml_parse_str(&byte, 0);
-    EXPECT_STREQ(ezxml_error(root), "[error near line 1]: root tag missing");
-    ezxml_free(root);
+    EXPECT_STREQ(ezxml_error(own(ezxml_parse_str(&byte, 0)).get()),
+                 "[error near line 1]: root tag missing");
     EXPECT_EQ(byte, '<');
 
     // Every truncation of a rich document ends in an error, the whole in

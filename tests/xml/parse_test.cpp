@@ -225,13 +225,11 @@ TEST_F(XmlFiles, MapsFilesAndReadsTheUnmappableIn) {
     EXPECT_EQ(ezxml_parse_file(sandbox.path("/etc/missing.xml").c_str()), nullptr);
     EXPECT_EQ(ezxml_parse_fd(-1), nullptr);
     // An empty file or stream: no tree, or the error of a missing root.
-    ezxml_node *file = ezxml_parse_file(empty.c_str());
-    EXPECT_TRUE(file == nullptr || ezxml_error(file)[0] != '\0');
-    ezxml_free(file);
+    const Tree file = own(ezxml_parse_file(empty.c_str()));
+    EXPECT_TRUE(file == nullptr || ezxml_error(file.get())[0] != '\0');
     FILE *fp = std::fopen(empty.c_str(), "r");
-    ezxml_node *stream = ezxml_parse_fp(fp);
-    EXPECT_STREQ(ezxml_error(stream), "[error near line 1]: root tag missing");
-    ezxml_free(stream);
+    EXPECT_STREQ(ezxml_error(own(ezxml_parse_fp(fp)).get()),
+                 "[error near line 1]: root tag missing");
     std::fclose(fp);
 }
 
