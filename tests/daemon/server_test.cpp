@@ -215,20 +215,14 @@ private:
 
 // ---- reads -------------------------------------------------------------------
 
-// A value read: its result and the value.
+// A value read, `read(args..., value)`: its result and the value.
 using Answer = std::pair<int, std::string>;
 
-Answer read_with(const std::function<int(char *)> &read) {
+template <typename Read, typename... Args>
+Answer read_with(Read read, Args... args) {
     char value[QORCFG_VALUE_SIZE] = "";
-    const int result = read(value);
+    const int result = read(args..., value);
     return {result, value};
-}
-
-std::vector<const qorcfg_group *> all_groups() {
-    std::vector<const qorcfg_group *> rows;
-    for (const qorcfg_group *row = group_table; row->gid != 0; ++row)
-        rows.push_back(row);
-    return rows;
 }
 
 uint32_t gid_of(const char *name) {
@@ -387,33 +381,32 @@ TEST_F(DaemonAnswer, PathReadsNeverWaitForAWritersLock) {
 // Through the socket, against the local reads
 // =============================================================================
 
-class DaemonDifferential : public SandboxTest {
-protected:
-    void SetUp() override {
-        install_sample(sandbox);
-        daemon = std::make_unique<ThreadDaemon>();
-        ASSERT_TRUE(daemon->started());
-    }
-    void TearDown() override { daemon.reset(); }
-    std::unique_ptr<ThreadDaemon> daemon;
-};
-
-// Every item of every group, each group's attribute list by ID and by name,
-// below the root's name and below each child: asked of the daemon directly
-// and through a network-mode handle, always as the local read of the file
-// gives it, and never sending the handle to the file.
-TEST_F(DaemonDifferential, EveryItemAndListMatchesTheLocalRead) {
+// Every item of every group, by ID, by name and by the group's path, each
+// group's attribute list by ID and by name, below the root's name and below
+// each child: asked of the daemon directly and through a network-mode
+// handle, always as the local read of the file gives it, and never sending
+// the handle to the file. A path read through the daemon (code 6, and code
+// 5 with the group's ID) gives what a client reads itself when no daemon
+// answers.
+TEST_F(SandboxTest, EveryItemAndListThroughTheDaemonMatchesTheLocalRead) {
+    install_sample(sandbox);
+    auto daemon = std::make_unique<ThreadDaemon>();
+    ASSERT_TRUE(daemon->started());
     CaptureOutput quiet(2);  // the local reads report every miss
-    size_t found = 0, lists = 0;
+    struct PathRead {
+        std::string group, path, item;
+        Answer via_daemon;
+    };
+    std::vector<PathRead> path_reads;
+    size_t found = 0, lists = 0, found_by_path = 0;
     for (const char *file : {config_ram, current_config}) {
         SCOPED_TRACE(file);
         const Handle local = open_file(file);
         Handle net = open_net(file);
-        ASSERT_EQ(is_net_cfg(net.get()), 1);
-        for (const qorcfg_group *row : all_groups()) {
+        for (const qorcfg_group *row = group_table; row->gid != 0; ++row) {
             SCOPED_TRACE(row->name);
             const uint32_t gid = row->gid;
-            const std::string path = row->path;
+            const std::string path = row->path, below_root = path.substr(path.find('.') + 1);
             ezxml_node *element = element_at(local->xml, path);
             std::vector<std::string> items = {"no_such_item", "child:1.no_such_item"};
             for (char **a = element != nullptr ? element->attr : nullptr; a && *a; a += 2)
@@ -421,20 +414,24 @@ TEST_F(DaemonDifferential, EveryItemAndListMatchesTheLocalRead) {
             for (const std::string &name : items) {
                 SCOPED_TRACE(name);
                 const char *i = name.c_str();
-                Answer want =
-                    read_with([&](char *v) { return get_cfg_item_direct(local.get(), gid, i, v); });
-                EXPECT_EQ(read_with([&](char *v) { return get_cfg_item(net.get(), gid, i, v); }),
-                          want);
-                EXPECT_EQ(read_with([&](char *v) { return get_cfg_item_daemon(file, gid, i, v); }),
-                          want);
+                Answer want = read_with(get_cfg_item_direct, local.get(), gid, i);
+                EXPECT_EQ(read_with(get_cfg_item, net.get(), gid, i), want);
+                EXPECT_EQ(read_with(get_cfg_item_daemon, file, gid, i), want);
                 found += want.first == 0 ? 1 : 0;
-                EXPECT_EQ(read_with([&](char *v) {
-                              return get_cfg_item_by_str(net.get(), row->name, i, v);
-                          }),
-                          read_with([&](char *v) {
-                              return get_cfg_item_by_str_direct(local.get(), row->name, i, v);
-                          }));
+                EXPECT_EQ(read_with(get_cfg_item_by_str, net.get(), row->name, i),
+                          read_with(get_cfg_item_by_str_direct, local.get(), row->name, i));
+                if (file != config_ram)
+                    continue;
+                PathRead read{row->name, below_root, name, {}};
+                read.via_daemon = read_with(get_cfg_item_by_path_gid_s, net.get(), row->name,
+                                            below_root.c_str(), i);
+                EXPECT_EQ(read_with(get_cfg_item_by_all_args_daemon, file,
+                                    static_cast<int32_t>(gid), row->name, below_root.c_str(), i),
+                          read.via_daemon);
+                found_by_path += read.via_daemon.first == 0 ? 1 : 0;
+                path_reads.push_back(read);
             }
+            EXPECT_EQ(is_net_cfg(net.get()), 1);
             // The daemon's own list, with its result, then the handle's.
             auto ask = [&](uint32_t code, const char *name, const std::string &sub) {
                 qorcfg_attr *list = nullptr;
@@ -448,7 +445,6 @@ TEST_F(DaemonDifferential, EveryItemAndListMatchesTheLocalRead) {
             EXPECT_EQ(ask(QORCFG_REQ_BY_GID, "", ""), want);
             EXPECT_EQ(attrs(get_attr_list_by_gid(net.get(), gid, nullptr)), want);
             lists += want.empty() ? 0 : 1;
-            const std::string below_root = path.substr(path.find('.') + 1);
             want = attrs(get_attr_list_by_gid_direct(local.get(), gid, below_root.c_str()));
             EXPECT_EQ(ask(QORCFG_REQ_BY_GID_PATH, "", below_root), want);
             EXPECT_EQ(attrs(get_attr_list_by_gid(net.get(), gid, below_root.c_str())), want);
@@ -471,17 +467,11 @@ TEST_F(DaemonDifferential, EveryItemAndListMatchesTheLocalRead) {
         // Unknown groups, and the root's identity (group 0, "0", "0x0").
         for (const char *item : {"version", "devtype", "name"}) {
             for (uint32_t gid : {0x7FFFFFF0u, 0u})
-                EXPECT_EQ(read_with([&](char *v) { return get_cfg_item(net.get(), gid, item, v); }),
-                          read_with([&](char *v) {
-                              return get_cfg_item_direct(local.get(), gid, item, v);
-                          }));
+                EXPECT_EQ(read_with(get_cfg_item, net.get(), gid, item),
+                          read_with(get_cfg_item_direct, local.get(), gid, item));
             for (const char *group : {"no_such_group", "0", "0x0", ""})
-                EXPECT_EQ(read_with([&](char *v) {
-                              return get_cfg_item_by_str(net.get(), group, item, v);
-                          }),
-                          read_with([&](char *v) {
-                              return get_cfg_item_by_str_direct(local.get(), group, item, v);
-                          }));
+                EXPECT_EQ(read_with(get_cfg_item_by_str, net.get(), group, item),
+                          read_with(get_cfg_item_by_str_direct, local.get(), group, item));
         }
         EXPECT_EQ(get_attr_list_by_gid(net.get(), 0x7FFFFFF0u, nullptr), nullptr);
         EXPECT_EQ(attrs(get_attr_list_by_gid(net.get(), 0, nullptr)),
@@ -492,54 +482,15 @@ TEST_F(DaemonDifferential, EveryItemAndListMatchesTheLocalRead) {
     }
     EXPECT_GT(found, 500u);
     EXPECT_GT(lists, 400u);
-}
-
-// A path read through the daemon (code 6, and code 5 with the group's ID)
-// gives what a client reads itself when no daemon answers.
-TEST_F(DaemonDifferential, PathRequestsMatchTheClientsOwnFallback) {
-    CaptureOutput quiet(2);
-    struct Case {
-        std::string prefix, group_path, item;
-        uint32_t gid;
-        Answer via_daemon;
-    };
-    std::vector<Case> cases;
-    const Handle local = open_file(config_ram);
-    const Handle net = open_net(config_ram);
-    for (const qorcfg_group *row : all_groups()) {
-        const std::string path = row->path;
-        ezxml_node *element = element_at(local->xml, path);
-        for (char **a = element != nullptr ? element->attr : nullptr; a && *a; a += 2)
-            cases.push_back({row->name, path.substr(path.find('.') + 1), a[0], row->gid, {}});
-        cases.push_back({row->name, path.substr(path.find('.') + 1), "no_such_item", row->gid, {}});
-    }
-    size_t found = 0;
-    for (Case &c : cases) {
-        c.via_daemon = read_with([&](char *v) {
-            return get_cfg_item_by_path_gid_s(net.get(), c.prefix.c_str(), c.group_path.c_str(),
-                                              c.item.c_str(), v);
-        });
-        EXPECT_EQ(read_with([&](char *v) {
-                      return get_cfg_item_by_all_args_daemon(
-                          config_ram, static_cast<int32_t>(c.gid), c.prefix.c_str(),
-                          c.group_path.c_str(), c.item.c_str(), v);
-                  }),
-                  c.via_daemon)
-            << c.group_path << " " << c.item;
-        found += c.via_daemon.first == 0 ? 1 : 0;
-    }
-    EXPECT_EQ(is_net_cfg(net.get()), 1);
-    EXPECT_GT(found, 100u);
+    EXPECT_GT(found_by_path, 1000u);
 
     daemon.reset();
-    for (const Case &c : cases) {
+    for (const PathRead &read : path_reads) {
         const Handle h = open_net(config_ram);
-        EXPECT_EQ(read_with([&](char *v) {
-                      return get_cfg_item_by_path_gid_s(h.get(), c.prefix.c_str(),
-                                                        c.group_path.c_str(), c.item.c_str(), v);
-                  }),
-                  c.via_daemon)
-            << c.group_path << " " << c.item;
+        EXPECT_EQ(read_with(get_cfg_item_by_path_gid_s, h.get(), read.group.c_str(),
+                            read.path.c_str(), read.item.c_str()),
+                  read.via_daemon)
+            << read.path << " " << read.item;
         EXPECT_EQ(is_net_cfg(h.get()), 0);  // it did fall back
     }
 }
@@ -554,7 +505,7 @@ TEST_F(SandboxTest, ReloadServesTheChangedFile) {
     ASSERT_TRUE(daemon.started());
     const uint32_t device = gid_of("sys_device");
     auto name_in = [&](const char *file) {
-        return read_with([&](char *v) { return get_cfg_item_daemon(file, device, "name", v); });
+        return read_with(get_cfg_item_daemon, file, device, "name");
     };
     sandbox.write("/tmp/config.xml", renamed_config("AP-Renamed"));
     // Until it re-reads, the daemon answers from what it parsed.
