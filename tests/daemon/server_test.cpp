@@ -362,21 +362,6 @@ TEST_F(DaemonAnswer, LongValuesAndListsAsTheLocalReadGivesThem) {
         EXPECT_EQ(bytes[base + 15], 3) << "chunk at " << base;
 }
 
-// A path read parses the file under its shared lock. While a writer (here:
-// this process, through another descriptor) holds the lock, the daemon must
-// not wait: it sends the client to the file instead.
-TEST_F(DaemonAnswer, PathReadsNeverWaitForAWritersLock) {
-    const std::string before = answer(QORCFG_REQ_BY_GID_PATH, "name", "", "system.device", device);
-    ASSERT_EQ(decode(before).result(), 0);
-    const int writer = lock_qorcfg(1, LOCK_EX);
-    ASSERT_GE(writer, 0);
-    const Reply busy = decode(answer(QORCFG_REQ_BY_GID_PATH, "name", "", "system.device", device));
-    unlock_qorcfg(writer);
-    EXPECT_EQ(busy.result(), QORCFG_ERR_DAEMON);
-    EXPECT_TRUE(busy.records.empty());
-    EXPECT_EQ(answer(QORCFG_REQ_BY_GID_PATH, "name", "", "system.device", device), before);
-}
-
 // =============================================================================
 // Through the socket, against the local reads
 // =============================================================================
@@ -499,13 +484,17 @@ TEST_F(SandboxTest, EveryItemAndListThroughTheDaemonMatchesTheLocalRead) {
 // Re-reading, damaged files and the program
 // =============================================================================
 
-TEST_F(SandboxTest, ReloadServesTheChangedFile) {
+TEST_F(SandboxTest, ReloadServesTheChangedFileOrReportsItDamaged) {
     install_sample(sandbox);
     ThreadDaemon daemon;
     ASSERT_TRUE(daemon.started());
     const uint32_t device = gid_of("sys_device");
     auto name_in = [&](const char *file) {
         return read_with(get_cfg_item_daemon, file, device, "name");
+    };
+    auto name_by_path = [&] {
+        return read_with(get_cfg_item_by_all_args_daemon, config_ram, static_cast<int32_t>(device),
+                         "sys_device", "system.device", "name");
     };
     sandbox.write("/tmp/config.xml", renamed_config("AP-Renamed"));
     // Until it re-reads, the daemon answers from what it parsed.
@@ -530,31 +519,29 @@ TEST_F(SandboxTest, ReloadServesTheChangedFile) {
     // While a writer holds the working copy's lock, a re-read waits for
     // nothing: the daemon keeps answering from the trees it has (a daemon
     // stuck on the lock would not answer this process, which holds it), and
-    // re-reads once the lock is free.
+    // re-reads once the lock is free. A path read, which parses the file
+    // under its shared lock, does not wait either: it sends the client to
+    // the file.
     sandbox.write("/tmp/config.xml", renamed_config("AP-Locked"));
     const int writer = lock_qorcfg(1, LOCK_EX);
     ASSERT_GE(writer, 0);
     daemon.server().request_reload();
     EXPECT_EQ(name_in(config_ram), (Answer{0, "AP-Renamed"}));
+    EXPECT_EQ(name_by_path(), (Answer{QORCFG_ERR_DAEMON, ""}));
     EXPECT_EQ(daemon.server().reloads(), 3u);
     unlock_qorcfg(writer);
     EXPECT_TRUE(wait_until([&] { return daemon.server().reloads() == 4u; }));
     EXPECT_EQ(name_in(config_ram), (Answer{0, "AP-Locked"}));
-}
+    EXPECT_EQ(name_by_path(), (Answer{0, "AP-Locked"}));
 
-TEST_F(SandboxTest, ADamagedFileIsReportedAndServedAsFarAsItReads) {
+    // A damaged file is reported, and served as far as it reads.
     const std::string config = sample("/conf/config.xml");
-    install_sample(sandbox, config.substr(0, config.find("<wlan")));
-    CaptureOutput err(STDERR_FILENO);
-    {
-        ThreadDaemon daemon;
-        ASSERT_TRUE(daemon.started());
-        EXPECT_EQ(decode(exchange(name_request())).records, (Attrs{{"name", "AP-Lab-01", -1}}));
-    }
-    EXPECT_NE(
-        err.text().find("qorcfgd: " + std::string(config_ram) + " is damaged: [error near line "),
-        std::string::npos)
-        << err.text();
+    sandbox.write("/tmp/config.xml", config.substr(0, config.find("<wlan")));
+    const std::string err = stderr_of([&] { ASSERT_TRUE(daemon.reload()); });
+    EXPECT_NE(err.find("qorcfgd: " + std::string(config_ram) + " is damaged: [error near line "),
+              std::string::npos)
+        << err;
+    EXPECT_EQ(name_in(config_ram), (Answer{0, "AP-Lab-01"}));
 }
 
 // The program as a device runs it. A wrong root or argument is a usage
