@@ -546,12 +546,13 @@ TEST_F(SandboxTest, ReloadServesTheChangedFileOrReportsItDamaged) {
 
 // The program as a device runs it. A wrong root or argument is a usage
 // error (2) that says what is wrong. Started, it detaches once it listens
-// (0), its pid complete in the pid file; it answers, re-reads on SIGUSR2,
+// (0), its pid complete in the pid file, and a second one on its socket
+// fails to start (1), leaving it serving; it answers, re-reads on SIGUSR2,
 // keeps its clients' failed lookups out of its log, and on SIGTERM ends,
 // removing its socket and pid file, with a client halfway through a request
 // holding nothing up. Clients read the file when no daemon listens, also
-// after one was killed and left its socket behind; the next daemon replaces
-// that socket.
+// after one was killed and left its socket behind (the next daemon replaces
+// that socket), and after their time limit when one hangs.
 TEST_F(SandboxTest, TheDaemonProgramAsADeviceRunsIt) {
     install_sample(sandbox);
     sandbox.mkdir("/bare");
@@ -564,14 +565,14 @@ TEST_F(SandboxTest, TheDaemonProgramAsADeviceRunsIt) {
     };
     const uint32_t device = gid_of("sys_device");
     char value[QORCFG_VALUE_SIZE] = "";
-    auto local_fallback = [&](const char *expected) {
-        EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "name", value), -10003);
+    auto local_fallback = [&](int daemon_result, const char *expected) {
+        EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "name", value), daemon_result);
         const Handle net = open_net(config_ram);
         EXPECT_EQ(get_cfg_item(net.get(), device, "name", value), 0);
         EXPECT_STREQ(value, expected);
         EXPECT_EQ(is_net_cfg(net.get()), 0);  // it read the file
     };
-    local_fallback("AP-Lab-01");
+    local_fallback(QORCFG_ERR_DAEMON_CONNECT, "AP-Lab-01");
 
     EXPECT_EQ(qorcfgd("--root " + sandbox.path("/bare")), 2);
     EXPECT_EQ(qorcfgd("--bogus"), 2);
@@ -579,6 +580,8 @@ TEST_F(SandboxTest, TheDaemonProgramAsADeviceRunsIt) {
     const std::string pid_text = sandbox.read("/var/run/read_qorcfgd.pid");
     const pid_t pid = std::stoi(pid_text);
     EXPECT_EQ(pid_text, std::to_string(pid) + "\n");
+    EXPECT_EQ(qorcfgd("--root " + sandbox.root()), 1);
+    EXPECT_EQ(sandbox.read("/var/run/read_qorcfgd.pid"), pid_text);
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "nothing", value), -4);
     sandbox.write("/tmp/config.xml", renamed_config("AP-Signalled"));
@@ -591,7 +594,7 @@ TEST_F(SandboxTest, TheDaemonProgramAsADeviceRunsIt) {
     EXPECT_TRUE(wait_until(
         [&] { return get_cfg_item_daemon(config_ram, device, "name", value) == -10003; }));
     EXPECT_TRUE(sandbox.exists("/tmp/qorcfgd_socket"));  // left behind
-    local_fallback("AP-Signalled");
+    local_fallback(QORCFG_ERR_DAEMON_CONNECT, "AP-Signalled");
 
     ASSERT_EQ(qorcfgd("--root " + sandbox.root()), 0);
     const int slow = connect_daemon_socket();
@@ -605,44 +608,18 @@ TEST_F(SandboxTest, TheDaemonProgramAsADeviceRunsIt) {
     EXPECT_TRUE(closed || reset);
     ::close(slow);
 
-    const std::string text = sandbox.read("/daemon.log");
-    EXPECT_NE(text.find("/bare: no directory "), std::string::npos) << text;
-    EXPECT_NE(text.find("--bogus: unknown argument"), std::string::npos) << text;
-    EXPECT_EQ(text.find("nothing"), std::string::npos) << text;
-}
-
-TEST_F(SandboxTest, AHungDaemonCostsAClientItsTimeLimitThenTheFile) {
-    install_sample(sandbox);
     // A socket that accepts (the backlog does) and never answers.
     const int hung = bind_daemon_socket(true);
     ASSERT_GE(hung, 0);
     qorcfg::os::set_daemon_timeout(200ms);
-    const uint32_t device = gid_of("sys_device");
-    char value[QORCFG_VALUE_SIZE] = "";
-    EXPECT_EQ(get_cfg_item_daemon(config_ram, device, "name", value), QORCFG_ERR_DAEMON_RECV);
-    const Handle net = open_net(config_ram);
-    EXPECT_EQ(get_cfg_item(net.get(), device, "name", value), 0);
-    EXPECT_STREQ(value, "AP-Lab-01");
-    EXPECT_EQ(is_net_cfg(net.get()), 0);
+    local_fallback(QORCFG_ERR_DAEMON_RECV, "AP-Signalled");
     ::close(hung);
-}
 
-TEST_F(SandboxTest, OneDaemonPerSocketAndAStaleSocketIsReplaced) {
-    install_sample(sandbox);
-    ::close(bind_daemon_socket(false));  // left as a killed daemon leaves it
-    ThreadDaemon daemon;
-    ASSERT_TRUE(daemon.started());
-    {
-        CaptureOutput err(2);
-        Server second;
-        EXPECT_FALSE(second.start());
-        EXPECT_NE(err.text().find("another daemon"), std::string::npos) << err.text();
-    }
-    char value[QORCFG_VALUE_SIZE] = "";
-    EXPECT_EQ(get_cfg_item_daemon(config_ram, gid_of("sys_device"), "name", value), 0);
-    EXPECT_STREQ(value, "AP-Lab-01");
-    daemon.stop();
-    EXPECT_FALSE(sandbox.exists("/tmp/qorcfgd_socket"));
+    const std::string text = sandbox.read("/daemon.log");
+    EXPECT_NE(text.find("/bare: no directory "), std::string::npos) << text;
+    EXPECT_NE(text.find("--bogus: unknown argument"), std::string::npos) << text;
+    EXPECT_NE(text.find("another daemon answers on this socket"), std::string::npos) << text;
+    EXPECT_EQ(text.find("nothing"), std::string::npos) << text;
 }
 
 // =============================================================================
