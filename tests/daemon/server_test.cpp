@@ -70,7 +70,13 @@ struct Reply {
     int32_t result = INT32_MIN;
     size_t chunks = 0;
     Attrs records;
+    bool operator==(const Reply &) const = default;
 };
+
+std::ostream &operator<<(std::ostream &out, const Reply &r) {
+    return out << (r.well_formed ? "" : "malformed, ") << "result " << r.result << ", " << r.chunks
+               << " chunks, " << testing::PrintToString(r.records);
+}
 
 Reply decode(const std::string &bytes) {
     Reply out;
@@ -189,8 +195,7 @@ protected:
 // longest texts that fit are read as usual. Only the current
 // configuration's path picks it; anything else is the working copy.
 TEST_F(DaemonAnswer, RepliesByCodeFieldAndFile) {
-    const std::string i64(64, 'i'), i65(65, 'i'), n128(128, 'n'), n129(129, 'n'), p257(257, 'p'),
-        f513(513, 'f');
+    const std::string i64(64, 'i'), i65(65, 'i'), n128(128, 'n'), n129(129, 'n'), p257(257, 'p');
     const Attrs ap1 = {{"name", "AP-1", -1}};
     const Attrs list = {{"version", "1.10.01", -1}, {"devtype", "AP", -1},
                         {"name", "AP-1", -1},       {"desc", "lab", -1},
@@ -215,7 +220,7 @@ TEST_F(DaemonAnswer, RepliesByCodeFieldAndFile) {
         {true, true, 2, config_ram, i65, "", "", kSysDevice, -1, {}},
         {true, true, 3, config_ram, "name", n129, "", -1, -1, {}},
         {true, true, 6, config_ram, "name", "sys_device", p257, -1, -1, {}},
-        {true, true, 2, f513, "name", "", "", kSysDevice, -1, {}},
+        {true, true, 2, std::string(513, 'f'), "name", "", "", kSysDevice, -1, {}},
         {true, false, 2, "", "name", "", "", kSysDevice, 0, ap1},
         {true, false, 2, "/elsewhere.xml", "name", "", "", kSysDevice, 0, ap1},
         {true, false, 2, current_config, "name", "", "", kSysDevice, -1, {}},
@@ -223,16 +228,12 @@ TEST_F(DaemonAnswer, RepliesByCodeFieldAndFile) {
         {false, true, 2, current_config, "name", "", "", kSysDevice, 0, ap1},
     };
     for (uint32_t code : {0u, 1u, 4u, 7u, 0x02000000u, 0xFFFFFFFFu})
-        cases.push_back(
-            {true, true, code, config_ram, "name", "sys_device", "", kSysDevice, -1, {}});
+        cases.push_back({true, true, code, config_ram, "name", "", "", kSysDevice, -1, {}});
     for (const Case &c : cases) {
         const Reply r = decode(
             qorcfg::daemon::answer(c.ram ? ram.get() : nullptr, c.current ? current.get() : nullptr,
                                    record(request(c.code, c.file, c.item, c.name, c.path, c.gid))));
-        ASSERT_TRUE(r.well_formed);
-        EXPECT_EQ(r.chunks, 1u);
-        EXPECT_EQ(r.result, c.result) << "case " << &c - cases.data();
-        EXPECT_EQ(r.records, c.records) << "case " << &c - cases.data();
+        EXPECT_EQ(r, (Reply{true, c.result, 1, c.records})) << "case " << &c - cases.data();
     }
     // An unterminated marker field is refused as every other text field is.
     qorcfg_daemon_request marked = record(request(2, config_ram, "name", "", "", kSysDevice));
@@ -255,10 +256,8 @@ TEST_F(DaemonAnswer, LongValuesAndListsAsTheLocalReadGivesThem) {
     EXPECT_EQ(std::get<1>(r.records.at(1)), long_value);
 
     load(config.replace(config.find(long_value), 300, std::string(5000, 'x')));
-    r = decode(answer(QORCFG_REQ_BY_NAME, "", "sys_device", "", -1));
-    ASSERT_TRUE(r.well_formed);
-    EXPECT_EQ(r.result, QORCFG_ERR_DAEMON);
-    EXPECT_TRUE(r.records.empty());
+    EXPECT_EQ(decode(answer(QORCFG_REQ_BY_NAME, "", "sys_device", "", -1)),
+              (Reply{true, QORCFG_ERR_DAEMON, 1, {}}));
 }
 
 // The daemon on a thread of the test, on the sandbox's files and socket,
@@ -283,10 +282,8 @@ protected:
     void TearDown() override { stop(); }
     // A normal client still gets the right answer.
     void expect_served() {
-        const Reply r = decode(exchange(name_request()));
-        ASSERT_TRUE(r.well_formed);
-        EXPECT_EQ(r.result, 0);
-        EXPECT_EQ(r.records, (Attrs{{"name", "AP-Lab-01", -1}}));
+        EXPECT_EQ(decode(exchange(name_request())),
+                  (Reply{true, 0, 1, {{"name", "AP-Lab-01", -1}}}));
     }
     const std::string long_list = request(QORCFG_REQ_BY_GID, config_ram, "", "", "", kVlan);
     Attrs local_long_list() {
@@ -471,11 +468,10 @@ TEST_F(DaemonTest, ReloadServesTheChangedFileOrReportsItDamaged) {
 TEST_F(SandboxTest, TheDaemonProgramAsADeviceRunsIt) {
     install_sample(sandbox);
     sandbox.mkdir("/bare");
-    const std::string log = sandbox.path("/daemon.log");
     auto qorcfgd = [&](const std::string &args) {
-        const int status = std::system((std::string(QORCFG_EMULATOR) + " " + QORCFGD + " " + args +
-                                        " </dev/null >/dev/null 2>>" + log)
-                                           .c_str());
+        const std::string line = std::string(QORCFG_EMULATOR) + " " + QORCFGD + " " + args +
+                                 " </dev/null >/dev/null 2>>" + sandbox.path("/daemon.log");
+        const int status = std::system(line.c_str());
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     };
     auto ask = [] { return read_with(get_cfg_item_daemon, config_ram, kSysDevice, "name"); };
@@ -544,23 +540,21 @@ TEST_F(DaemonTest, HostileClientsStallNobody) {
     for (size_t i = 100; i < desc.size(); ++i)  // the rest, a byte at a time
         ASSERT_TRUE(send_all(slow, desc.substr(i, 1)));
     std::string end;
-    Reply r = decode(read_to_end(slow, &end));
+    EXPECT_EQ(decode(read_to_end(slow, &end)),
+              (Reply{true, 0, 1, {{"desc", "Enterprise dual-band access point", -1}}}));
     EXPECT_EQ(end, "closed");
-    EXPECT_EQ(r.records, (Attrs{{"desc", "Enterprise dual-band access point", -1}}));
 
     std::mt19937 random(20260101);
     for (int round = 0; round < 50; ++round) {  // garbage answers -1
         std::string garbage(QORCFG_REQUEST_SENT, '\0');
         std::generate(garbage.begin(), garbage.end(), [&] { return static_cast<char>(random()); });
-        r = decode(exchange(garbage));
-        ASSERT_TRUE(r.well_formed);
-        EXPECT_EQ(r.result, -1);
+        EXPECT_EQ(decode(exchange(garbage)), (Reply{true, -1, 1, {}}));
     }
 
     // Bytes beyond the request, here a second request and garbage, are
     // ignored: only the first request is answered, its long list split into
     // chunks at attribute boundaries, and the reply still ends in order.
-    r = decode(exchange(long_list + name_request() + std::string(3000, 'x'), &end));
+    const Reply r = decode(exchange(long_list + name_request() + std::string(3000, 'x'), &end));
     ASSERT_TRUE(r.well_formed);
     EXPECT_EQ(end, "closed");
     EXPECT_GT(r.chunks, 3u);
