@@ -201,7 +201,7 @@ QORCFG_API int set_channel_switch(int channel, int count, int radio) {
 QORCFG_API qorcfg_item *set_vap_isolate_related(void) {
     qorcfg_handle *handle = init_qorcfg();
     if (handle == nullptr) {
-        std::printf("Init qorcfg error.\n");
+        std::fputs("Init qorcfg error.", stdout);
         return nullptr;
     }
     close_qorcfg(handle);
