@@ -15,6 +15,7 @@
 
 #include "store/group.h"
 #include "store/platform.h"
+#include "tools/devdoc.h"
 
 namespace qorcfg::bench {
 
@@ -110,6 +111,20 @@ std::string collect_queries(Sample &s, std::uint32_t seed, std::size_t count, bo
         return "no group of the table has an element with attributes";
     }
     return {};
+}
+
+std::string document_near(std::size_t target_bytes, int *scale) {
+    std::string below;
+    for (int n = 1;; ++n) {
+        std::string doc = qorcfg::device::document(false, n);
+        if (doc.size() >= target_bytes || n == 1000) {
+            const bool take_below =
+                !below.empty() && target_bytes - below.size() < doc.size() - target_bytes;
+            *scale = take_below ? n - 1 : n;
+            return take_below ? below : doc;
+        }
+        below = std::move(doc);
+    }
 }
 
 bool is_document(ezxml_node *root) {

@@ -85,6 +85,10 @@ struct Sample {
 // same items with any compiler). Empty, or what went wrong.
 std::string collect_queries(Sample &s, std::uint32_t seed, std::size_t count, bool unique_names);
 
+// The sample device's configuration with its lists scaled so that its
+// size is closest to `target_bytes`; the scale through `scale`.
+std::string document_near(std::size_t target_bytes, int *scale);
+
 // True when `root` is a parsed configuration tree: no parse error and the
 // root element "qorconfig".
 bool is_document(ezxml_node *root);

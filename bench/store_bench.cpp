@@ -34,7 +34,6 @@
 #include "os/os.h"
 #include "qorcfg.h"
 #include "store/platform.h"
-#include "tools/devdoc.h"
 
 namespace {
 
@@ -65,26 +64,10 @@ struct Fixture : qorcfg::bench::Sample {
 
 Fixture fixture;
 
-// The scale whose document is closest to the target size.
-void make_document(Fixture &f) {
-    std::string below;
-    for (int scale = 1;; ++scale) {
-        std::string doc = qorcfg::device::document(false, scale);
-        if (doc.size() >= kTargetBytes || scale == 1000) {
-            bool take_below =
-                !below.empty() && kTargetBytes - below.size() < doc.size() - kTargetBytes;
-            f.scale = take_below ? scale - 1 : scale;
-            f.doc = take_below ? std::move(below) : std::move(doc);
-            return;
-        }
-        below = std::move(doc);
-    }
-}
-
 // The working and persistent copies in the scratch root, the store pointed
 // at it with local reads, and the handle opened.
 void set_up(Fixture &f) {
-    make_document(f);
+    f.doc = qorcfg::bench::document_near(kTargetBytes, &f.scale);
     f.error = qorcfg::bench::collect_queries(f, kSeed, kLookups, true);
     if (!f.error.empty()) {
         return;

@@ -9,10 +9,13 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <string_view>
 
 #include "os/os.h"
 #include "os/owners.h"
@@ -97,14 +100,15 @@ ezxml_node *parse_locked(const char *path, Kind kind, const char *prefix) {
                              : ezxml_parse_fp(fp.get());
 }
 
-// Copies `from` to `to` in lines of at most 256 bytes.
-void copy_lines(std::FILE *from, std::FILE *to) {
+// Reads `from` in lines of at most 256 bytes, as the copies of the store
+// files are made, onto the end of `to`.
+void read_lines(std::FILE *from, std::string &to) {
     char line[kLine];
     for (;;) {
-        line[0] = '\0';  // a failed read at the end writes nothing
+        line[0] = '\0';  // a failed read at the end adds nothing
         if (std::fgets(line, sizeof line, from) == nullptr)
             break;
-        std::fputs(line, to);
+        to += line;
     }
 }
 
@@ -153,28 +157,23 @@ int prepare_ram(bool wait) {
     HeldLock ram_lock(kRamFile, LOCK_EX | nonblocking);
     if (!ram_lock.held())
         return failure(ram_lock);
-    os::File ram(os::fopen(config_ram, "w"));
-    if (!ram)
-        return QORCFG_ERR_FAIL;
-    char line[kLine] = "";
-    if (std::fgets(line, sizeof line, rom.get()) == nullptr ||
-        std::strstr(line, "<qorconfig") == nullptr) {
+    std::string copy;
+    read_lines(rom.get(), copy);
+    rom.reset();
+    // The first line as a 256-byte read takes it must name the document.
+    const size_t first_line = std::min(copy.find('\n'), kLine - 2) + 1;
+    if (std::string_view(copy).substr(0, first_line).find("<qorconfig") == std::string_view::npos) {
         qorcfg_print("No config in flash, reset to default\n");
-        // The working copy stays truncated until the reset removes it.
-        rom.reset();
-        ram.reset();
+        // The working copy is left empty until the reset removes it.
+        const int written = os::write_file(config_ram, "");
         ram_lock.release();
         rom_lock.release();
-        reset_qorcfg();
+        if (written == 0)
+            reset_qorcfg();
         return QORCFG_ERR_FAIL;
     }
-    std::fputs(line, ram.get());
-    copy_lines(rom.get(), ram.get());
-    rom.reset();
     rom_lock.release();
-    std::fflush(ram.get());
-    ram.reset();
-    return QORCFG_OK;
+    return os::write_file(config_ram, copy) == 0 ? QORCFG_OK : QORCFG_ERR_FAIL;
 }
 
 bool is_net(const qorcfg_handle *handle) {
@@ -436,14 +435,11 @@ QORCFG_API int reset_qorcfg(void) {
     HeldLock rom_lock(kRomFile, LOCK_EX);
     if (!rom_lock.held())
         return rom_lock.code();
-    {
-        os::File rom(os::fopen(config_rom, "w"));
-        if (!rom)
-            return QORCFG_ERR_OPEN;
-        copy_lines(from.get(), rom.get());
-        std::fflush(rom.get());
-    }
+    std::string defaults;
+    read_lines(from.get(), defaults);
     from.reset();
+    if (os::write_file(config_rom, defaults) != 0)
+        return QORCFG_ERR_OPEN;
     if (!os::File(os::fopen(config_rom, "r")))
         return QORCFG_ERR_OPEN;
     rom_lock.release();

@@ -1,7 +1,8 @@
-// tools/qorcfg.cpp - the qorcfg command-line tool, read side: items, element
+// tools/qorcfg.cpp - the qorcfg command-line tool: items, element
 // attributes, children and the group table of the device's configuration,
-// looked up through the library's exported functions as any program on the
-// device would, on the device itself or (--root) on an unpacked device root.
+// looked up and changed through the library's exported functions as any
+// program on the device would, on the device itself or (--root) on an
+// unpacked device root.
 //
 // Values go to standard output, one per line; failures to standard error as
 // "qorcfg: <what failed>: <reason>", the reason being the library's result
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <new>
@@ -40,7 +42,7 @@ constexpr size_t kValueBuffer = 256;
 const char kHelp[] =
     "Usage: qorcfg [--root DIR] COMMAND [ARGUMENT...]\n"
     "\n"
-    "Reads the device's configuration.\n"
+    "Reads and changes the device's configuration.\n"
     "\n"
     "Commands:\n"
     "  get GROUP ITEM          the value of ITEM in GROUP\n"
@@ -53,6 +55,14 @@ const char kHelp[] =
     "                          (\"tag:index\" for repeated elements)\n"
     "  groups                  the group table, one \"ID name path\" line each\n"
     "  daemon-status           whether the configuration daemon answers\n"
+    "  set GROUP ITEM=VALUE... sets the items of GROUP in one change: the working\n"
+    "                          copy and the flash copy are written, the changed\n"
+    "                          groups recorded for the next apply, the daemons told\n"
+    "  pending                 the groups changed since the last apply, one \"ID name\"\n"
+    "                          line each, after \"reboot: yes\" or \"reboot: no\"\n"
+    "  save FILE               writes the configuration to FILE, a path on the device\n"
+    "  reset                   restores the factory defaults (the customer's defaults\n"
+    "                          when the device has them)\n"
     "\n"
     "GROUP is a group name (sys_device) or a group ID in hex (0x08080000). PATH\n"
     "starts at the root element and may pick the N-th of repeated elements with\n"
@@ -174,6 +184,18 @@ std::string what_of(std::string_view command, const std::vector<std::string> &ar
     return what;
 }
 
+// The group-table row a GROUP argument names; on failure the usage error or
+// the unknown group is reported, its status in `status`, and NULL returned.
+const qorcfg_group *row_of(const std::string &what, const std::string &text, int &status) {
+    GroupArg group;
+    if (!group_arg(what, text, group, status))
+        return nullptr;
+    const qorcfg_group *row = group_row(group);
+    if (row == nullptr)
+        status = fail(what, QORCFG_ERR_GROUP);
+    return row;
+}
+
 // Owns an attribute list.
 struct AttrList {
     qorcfg_attr *head = nullptr;
@@ -255,13 +277,10 @@ int cmd_get_path(const std::vector<std::string> &args) {
 
 int cmd_show(const std::vector<std::string> &args) {
     const std::string what = what_of("show", args);
-    GroupArg group;
     int status = 0;
-    if (!group_arg(what, args[0], group, status))
-        return status;
-    const qorcfg_group *row = group_row(group);
+    const qorcfg_group *row = row_of(what, args[0], status);
     if (row == nullptr)
-        return fail(what, QORCFG_ERR_GROUP);
+        return status;
     // The group's attribute list, from the daemon when one answers, else
     // from the working copy.
     qorcfg_handle *handle = init_qorcfg();
@@ -328,6 +347,80 @@ int cmd_list_children(const std::vector<std::string> &args) {
     return 0;
 }
 
+// Owns an item list.
+struct ItemList {
+    qorcfg_item *head = nullptr;
+    ItemList() = default;
+    ~ItemList() { free_item_list(head); }
+    ItemList(const ItemList &) = delete;
+    ItemList &operator=(const ItemList &) = delete;
+};
+
+int cmd_set(const std::vector<std::string> &args) {
+    const std::string what = what_of("set", args);
+    int status = 0;
+    const qorcfg_group *row = row_of(what, args[0], status);
+    if (row == nullptr)
+        return status;
+    // The pairs in the order given: a list is built at its tail.
+    ItemList items;
+    qorcfg_item **tail = &items.head;
+    for (size_t i = 1; i < args.size(); ++i) {
+        const size_t eq = args[i].find('=');
+        if (eq == std::string::npos || eq == 0)
+            return usage_error(what, "ITEM=VALUE expected, not \"" + args[i] + "\"");
+        const std::string item = args[i].substr(0, eq);
+        *tail = get_new_item(static_cast<int32_t>(row->gid), item.c_str(), &args[i][eq + 1]);
+        if (*tail == nullptr)
+            return fail(what, QORCFG_ERR_NOMEM);
+        tail = &(*tail)->next;
+    }
+    qorcfg_handle *handle = init_qorcfg();
+    if (handle == nullptr)
+        return fail(what, QORCFG_ERR_FAIL);
+    const int rc = set_cfg_items(handle, items.head);
+    close_qorcfg(handle);
+    return rc == QORCFG_OK ? 0 : fail(what, rc);
+}
+
+int cmd_pending(const std::vector<std::string> &) {
+    int exists = 0;
+    chk_cfg_sync("/tmp/sync_config", &exists);
+    if (exists == 0) {
+        std::printf("nothing pending\n");
+        return 0;
+    }
+    uint32_t *record = nullptr;
+    int count = 0;
+    if (int rc = read_sync_record(&record, &count, 0); rc != QORCFG_OK)
+        return fail("pending", rc);
+    std::printf("reboot: %s\n", record[0] == 1 ? "yes" : "no");
+    for (int i = 1; i <= count; ++i) {
+        const qorcfg_group *row = group_by_gid(record[i]);
+        std::printf("0x%08x %s\n", static_cast<unsigned>(record[i]),
+                    row != nullptr ? text_or_empty(row->name) : "(unknown group)");
+    }
+    std::free(record);
+    return 0;
+}
+
+int cmd_save(const std::vector<std::string> &args) {
+    const std::string what = what_of("save", args);
+    if (args[0].empty())
+        return usage_error(what, "empty file name");
+    qorcfg_handle *handle = init_qorcfg();
+    if (handle == nullptr)
+        return fail(what, QORCFG_ERR_FAIL);
+    const int rc = save_qorcfg(handle, args[0].c_str());
+    close_qorcfg(handle);
+    return rc == QORCFG_OK ? 0 : fail(what, rc);
+}
+
+int cmd_reset(const std::vector<std::string> &) {
+    const int rc = reset_qorcfg();
+    return rc == QORCFG_OK ? 0 : fail("reset", rc);
+}
+
 int cmd_groups(const std::vector<std::string> &) {
     for (const qorcfg_group *g = group_table; g->gid != 0; ++g) {
         std::printf("0x%08x %s %s\n", static_cast<unsigned>(g->gid), text_or_empty(g->name),
@@ -351,6 +444,10 @@ constexpr Command kCommands[] = {
     {"list-children", 1, 1, "list-children GROUP", cmd_list_children},
     {"groups", 0, 0, "groups", cmd_groups},
     {"daemon-status", 0, 0, "daemon-status", cmd_daemon_status},
+    {"set", 2, SIZE_MAX, "set GROUP ITEM=VALUE...", cmd_set},
+    {"pending", 0, 0, "pending", cmd_pending},
+    {"save", 1, 1, "save FILE", cmd_save},
+    {"reset", 0, 0, "reset", cmd_reset},
 };
 
 // Offline, on an unpacked device root, the device's commands and signals

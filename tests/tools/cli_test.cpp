@@ -145,9 +145,10 @@ Transcript load_transcript(const std::string &name) {
             t.args = parse_words(line.substr(4)), have_run = true, t.header += line + "\n";
         else if (line.starts_with("env: "))
             t.env.push_back(line.substr(5)), t.header += line + "\n";
-        else if (const auto w = parse_words(line); w.size() == 3 && w[0] == "truncate:")
-            t.cuts.emplace_back(w[1], std::stoull(w[2])), t.header += line + "\n";
-        else if (line.empty() || line.starts_with("#"))
+        else if (line.starts_with("truncate: ")) {
+            const auto w = parse_words(line.substr(10));
+            t.cuts.emplace_back(w.at(0), std::stoull(w.at(1))), t.header += line + "\n";
+        } else if (line.empty() || line.starts_with("#"))
             t.header += line + "\n";
         else
             throw std::runtime_error(name + ": unexpected line: " + line);
@@ -222,7 +223,8 @@ TEST(CliArguments, EachEndsInItsStatusAndNoneChangesTheConfiguration) {
     for (int i = 0; i < 5000; ++i)
         deep_path += ".a:1";
     // 0: success; 1, 3, 4: the library's -1, -3 (unknown group), -4 (item
-    // not found); 64: a usage error, found before any lookup.
+    // not found), 15 (index beyond "max"); 64: a usage error, found before
+    // any lookup.
     const std::pair<std::vector<std::string>, int> runs[] = {
         {{"show", std::string(128, 'x')}, 3},  // the longest group name
         {{"show", std::string(129, 'x')}, 64},
@@ -242,6 +244,9 @@ TEST(CliArguments, EachEndsInItsStatusAndNoneChangesTheConfiguration) {
         {{"get", "sys_device", "name"}, 0},
         {{"show", "lan_dhcp"}, 0},
         {{"list-children", "0x18080000"}, 0},
+        {{"set", "sys_device", "name=ap-2", "nosuch=1"}, 4},  // a failed set writes nothing
+        {{"set", "lan_dhcp", "static:32.ip=10.0.0.9"}, 15},
+        {{"set", "no_such_group", "a=1"}, 3},
     };
     for (const auto &[args, status] : runs) {
         std::string shown = "qorcfg";
