@@ -12,7 +12,9 @@
 
 namespace qorcfg::test {
 
-using change::kSyncRecord;
+namespace os = ::qorcfg::os;
+namespace change = ::qorcfg::change;
+using ::qorcfg::change::kSyncRecord;
 using Items = std::unique_ptr<qorcfg_item, decltype(&free_item_list)>;
 constexpr uint32_t kDevice = 0x08080000, kDai = 0x10600000, kRep = 0x20a80000;
 

@@ -92,8 +92,9 @@ TEST_F(SetTest, EachSetterWritesItsFilesUnderItsLocksRecordsAndTellsTheDaemons) 
         EXPECT_EQ(set(nullptr, items("8080000:name=x").get()), -1);
     EXPECT_EQ(signalled(), "101 ");
     SetUp();  // the working copy cannot be locked to drop it once the flash copy is written
-    sandbox.mkdir("/var/lock/qorcfg_ram");
     Handle h = open_file(config_ram);
+    sandbox.remove("/var/lock/qorcfg_ram");
+    sandbox.mkdir("/var/lock/qorcfg_ram");
     EXPECT_EQ(to(config_rom)(h.get(), items("8080000:name=x").get()), -10);
     EXPECT_EQ(files(h.get()) + signalled(), "old new old - - | ");
 }
@@ -103,6 +104,7 @@ TEST_F(SetTest, TheSnmpSetterGivesUpAtOnceWhileAnotherProcessHoldsTheAccessLock)
     ASSERT_EQ(::pipe(locked) + ::pipe(release), 0);
     const std::string lock_file = sandbox.path("/var/lock/access_lock");
     const pid_t holder = spawn([&] {
+        ::close(release[1]);
         const int fd = ::open(lock_file.c_str(), O_RDWR | O_CREAT, 0644);
         char c = 'l';
         if (fd < 0 || ::flock(fd, LOCK_EX) != 0 || ::write(locked[1], &c, 1) != 1)
@@ -192,7 +194,7 @@ TEST_F(SetTest, AListIsWrittenInGroupRunsCountedInTheBuffer) {
         int n = capacity < 0 ? 9 : capacity;
         EXPECT_EQ(
             change::set_items_by_group(h.get(), items(list).get(), capacity == -2 ? nullptr : gids,
-                                       capacity == -1 ? nullptr : &n),
+                                       capacity < 0 ? nullptr : &n),
             rc);
         std::string seen;
         for (uint32_t gid : gids)

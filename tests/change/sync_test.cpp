@@ -7,10 +7,7 @@ namespace {
 using namespace qorcfg::test;
 
 void put(const Sandbox &sandbox, const char *file, const std::string &text) {
-    if (text == "-")
-        sandbox.remove(file);
-    else
-        sandbox.write(file, text);
+    text == "-" ? sandbox.remove(file) : sandbox.write(file, text);
 }
 std::string replaced(std::string text, const std::string &from, const std::string &to) {
     const size_t at = text.find(from);
@@ -24,46 +21,42 @@ TEST_F(ChangeTest, SavingWritesTheTreeWholeAndOnlyTheNotifyingFormTellsTheDaemon
     os::set_call_hook([&](Call kind, unsigned) { seen += kind == Call::rename ? held() : ""; });
     EXPECT_EQ(save_qorcfg(h.get(), config_rom), 0);
     os::set_call_hook(nullptr);
-    EXPECT_EQ(seen, "qorcfg_rom(ex) ");  // the file's own lock, no access lock
+    EXPECT_EQ(seen + signalled(), "qorcfg_rom(ex) ");  // the file's own lock, no access lock
+    EXPECT_EQ(std::vector<int>({save_qorcfg_r(h.get(), "/tmp/r.xml"), save_qorcfg_r(h.get(), ""),
+                                save_qorcfg(nullptr, "/tmp/x")}),
+              std::vector<int>({0, -7, -1}));
+    EXPECT_EQ(sandbox.read(config_rom) + signalled(), sandbox.read("/tmp/r.xml") + "101 102 103 ");
     EXPECT_EQ(sandbox.read(config_rom), xml_of(h->xml));
-    EXPECT_EQ(signalled(), "");
-    EXPECT_EQ(save_qorcfg_r(h.get(), "/tmp/r.xml"), 0);
-    EXPECT_EQ(sandbox.read("/tmp/r.xml"), xml_of(h->xml));
-    EXPECT_EQ(save_qorcfg_r(h.get(), ""), -7);
-    EXPECT_EQ(save_qorcfg(nullptr, "/tmp/x"), -1);
-    EXPECT_EQ(signalled(), "101 102 103 ");
     sandbox.remove(config_ram);
     sandbox.remove(config_rom);
     EXPECT_EQ(save_qorcfg(open_net(config_ram).get(), "/tmp/x"), -1);  // nothing to load
     EXPECT_FALSE(sandbox.exists("/tmp/x"));
-
-    // Text, path, length, the file's content before ("-": none); result, content after.
+    // Text, path, length, the file before ("-": none); result, the file after.
     const std::tuple<const char *, const char *, int, const char *, int, std::string> cases[] = {
-        {"abcdef", "/tmp/w", 3, "previous", 0, "abc"},
-        {"abcdef", "/tmp/w", 0, "-", 0, "abcdef"},
-        {"abcdef", "/tmp/w", -1, "previous", 0, ""},
-        {"abcdef", "/tmp/w", -1, "-", 0, ""},
-        {nullptr, "/tmp/w", 0, "-", -6, "-"},
-        {"x", "/none/w", 0, "-", -7, "-"},
-        {"x", config_rom, 0, "previous", -10, "previous"}};
+        {"abcdef", "/tmp/w", 3, "before", 0, "abc"},   {"abcdef", "/tmp/w", 0, "-", 0, "abcdef"},
+        {"abcdef", "/tmp/w", -1, "before", 0, ""},     {"abcdef", "/tmp/w", -1, "-", 0, ""},
+        {nullptr, "/tmp/w", 0, "-", -6, "-"},          {"x", "/none/w", 0, "-", -7, "-"},
+        {"x", config_rom, 0, "before", -10, "before"},  // its lock file cannot be opened
+    };
     for (const auto &[text, path, length, before, rc, after] : cases) {
         put(sandbox, path, before);
         if (rc == -10)
-            sandbox.mkdir("/var/lock/qorcfg_rom");  // the lock file cannot be opened
+            sandbox.remove("/var/lock/qorcfg_rom"), sandbox.mkdir("/var/lock/qorcfg_rom");
         EXPECT_EQ(write_cfg_file(text, path, length), rc) << path << " " << length;
         EXPECT_EQ(sandbox.exists(path) ? sandbox.read(path) : "-", after) << path << " " << length;
     }
-    EXPECT_EQ(write_cfg_file("x", nullptr, 0) + write_cfg_file("x", "", 0), -14);
+    EXPECT_EQ(std::pair(write_cfg_file("x", nullptr, 0), write_cfg_file("x", "", 0)),
+              std::pair(-7, -7));
 }
 
 TEST_F(ChangeTest, TheSyncRecordMergesGroupsInOrderAndItsFlagOnlyRises) {
     install_sample(sandbox);
     // Group IDs and reboot flag given; the lines added and the flag afterwards.
     const std::tuple<std::vector<uint32_t>, int, std::string, char> steps[] = {
-        {{0x10600000, 0x20800000}, 0, "274726912\n545259520\n", '0'},
-        {{0x10600000}, 0, "", '0'},
+        {{kDai, 0x20800000}, 0, "274726912\n545259520\n", '0'},  // 0x10600000, 0x20800000
+        {{kDai}, 0, "", '0'},
         {{0x20800000, 0x10500000}, 0, "273678336\n", '0'},
-        {{kDevice, 0x10600000, kDevice}, 0, "134742016\n134742016\n", '0'},
+        {{kDevice, kDai, kDevice}, 0, "134742016\n134742016\n", '0'},  // twice in one call
         {{0x10500000}, 1, "", '1'},
         {{0x18080000}, 0, "403177472\n", '1'},
     };
@@ -76,40 +69,38 @@ TEST_F(ChangeTest, TheSyncRecordMergesGroupsInOrderAndItsFlagOnlyRises) {
     EXPECT_EQ(write_sync_record(nullptr, 1, 0), -1);
     EXPECT_EQ(sandbox.read(kSyncRecord), "1\n" + groups);
     sandbox.remove(kSyncRecord);
-    const uint32_t dai = 0x10600000;
-    EXPECT_EQ(write_sync_record(&dai, 1, 1), 0);
+    EXPECT_EQ(write_sync_record(&kDai, 1, 1), 0);
     EXPECT_EQ(sandbox.read(kSyncRecord), "1\n274726912\n");
-
-    sandbox.write(kSyncRecord, "1\n5 junk\n7\n");
-    uint32_t *record = nullptr;
-    int count = -1;
-    EXPECT_EQ(read_sync_record(&record, &count, 2), 0);
-    EXPECT_EQ(std::vector<uint32_t>(record, record + count + 3),
-              (std::vector<uint32_t>{1, 5, 7, 0, 0}));
-    std::free(record);
-    sandbox.remove(kSyncRecord);
-    EXPECT_EQ(read_sync_record(&record, &count, 1), 0);
-    EXPECT_EQ(std::vector<uint32_t>(record, record + count + 2), (std::vector<uint32_t>{0, 0}));
-    std::free(record);
+    // Read back into zeroed room for the extra entries asked for.
+    for (const auto &[record, extra, entries] :
+         {std::tuple<std::string, int, std::vector<uint32_t>>{"1\n5 junk\n7\n", 2, {1, 5, 7, 0, 0}},
+          {"-", 1, {0, 0}}}) {
+        put(sandbox, kSyncRecord, record);
+        uint32_t *got = nullptr;
+        int count = -1;
+        EXPECT_EQ(read_sync_record(&got, &count, extra), 0);
+        EXPECT_EQ(std::vector<uint32_t>(got, got + count + 1 + extra), entries);
+        std::free(got);
+    }
 }
 
-TEST_F(ChangeTest, PendingChangesAndRebootNeedsAreReadFromTheirFiles) {
+TEST_F(ChangeTest, PendingChangesRebootMarksAndApplyPermissionAreReadFromTheirFiles) {
     // The record and the radio marker ("-": none); whether each says a reboot is needed.
-    const std::tuple<std::string, std::string, int, int> cases[] = {{"-", "-", 0, 0},
-                                                                    {"1\n", "1\n", 1, 1},
-                                                                    {"0\n1\n", "2\n", 0, 0},
-                                                                    {"1 x\n7\n", "1 x\n", 1, 1},
-                                                                    {"", "", 0, 0}};
-    for (const auto &[record, rf, apply, rf_reboot] : cases) {
+    const std::tuple<std::string, std::string, int, int> marks[] = {
+        {"-", "-", 0, 0},        {"1\n", "1\n", 1, 1},
+        {"0\n1\n", "2\n", 0, 0}, {"1 x\n7\n", "1 x\n", 1, 1},
+        {"", "", 0, 0},
+    };
+    for (const auto &[record, rf, apply, rf_reboot] : marks) {
         put(sandbox, kSyncRecord, record);
         put(sandbox, "/tmp/rf_need_reboot", rf);
         int pending = -1, reboot = -1;
-        EXPECT_EQ(check_apply_need_reboot(), apply) << record;
-        EXPECT_EQ(chk_apply_need_reboot(&pending, &reboot), 0);
-        EXPECT_EQ(reboot, apply) << record;
-        EXPECT_EQ(check_rf_need_reboot(), rf_reboot) << rf;
-        EXPECT_EQ(chk_cfg_sync(kSyncRecord, &pending), 0);
-        EXPECT_EQ(pending, record == "-" ? 0 : 1) << record;
+        EXPECT_EQ(chk_apply_need_reboot(&pending, &reboot) + chk_cfg_sync(kSyncRecord, &pending),
+                  0);
+        EXPECT_EQ(
+            std::vector<int>({check_apply_need_reboot(), reboot, check_rf_need_reboot(), pending}),
+            std::vector<int>({apply, apply, rf_reboot, record == "-" ? 0 : 1}))
+            << record;
     }
     // The record; can_apply; match_sync_record's result, lines and matching lines.
     const std::tuple<std::string, int, int, int, int> records[] = {
@@ -119,16 +110,16 @@ TEST_F(ChangeTest, PendingChangesAndRebootNeedsAreReadFromTheirFiles) {
         {"10 20 30\n", -14, 1, 1, 0},
         {"10 20 30 \n10 20 30 \n", -14, 1, 2, 2},
         {"0\n10\n20\n30\n", -14, 1, 4, 0},
-        {"x\n10 20 30 \n", -14, 1, 2, 1}};
+        {"x\n10 20 30 \n", -14, 1, 2, 1},
+    };
     for (const auto &[record, rc, found, lines, matches] : records) {
         put(sandbox, kSyncRecord, record);
-        int gids[] = {30, 10, 20, 0, 5}, again[] = {20, 30, 10, -1}, seen_lines = 0,
-            seen_matches = 0;
+        int gids[] = {30, 10, 20, 0, 5}, again[] = {20, 30, 10, -1}, seen[2] = {lines, matches};
         EXPECT_EQ(can_apply(gids), rc) << record;
-        EXPECT_EQ(std::vector<int>(gids, gids + 5), (std::vector<int>{10, 20, 30, 0, 5}));
-        EXPECT_EQ(change::match_sync_record(again, &seen_lines, &seen_matches), found) << record;
-        if (found == 1)
-            EXPECT_EQ(std::pair(seen_lines, seen_matches), std::pair(lines, matches)) << record;
+        EXPECT_EQ(std::vector<int>(gids, gids + 5),
+                  std::vector<int>({10, 20, 30, 0, 5}));  // sorted
+        EXPECT_EQ(change::match_sync_record(again, &seen[0], &seen[1]), found) << record;
+        EXPECT_EQ(std::pair(seen[0], seen[1]), std::pair(lines, matches)) << record;
     }
     const uint32_t gids[] = {5, 7, 9};
     EXPECT_EQ(std::vector<int>({chkGIDdup(gids, 2, 9), chkGIDdup(gids, 2, 7), chkGIDdup(gids, 3, 9),
@@ -137,58 +128,47 @@ TEST_F(ChangeTest, PendingChangesAndRebootNeedsAreReadFromTheirFiles) {
 }
 
 TEST_F(ChangeTest, RebootIsNeededForSomeGroupsByDeviceTypeRolesAndRadioState) {
-    const std::string flash = sample("/conf/config.xml");
+    const std::string flash = sample("/conf/config.xml"), roles = " country=\"US\" roles=\"";
     sandbox.write(current_config, replaced(flash, "<rf3 state=", "<rf3 off="));  // unreadable
-    const auto device = [&](const std::string &type, const std::string &roles1,
-                            const std::string &roles2) {
+    // Device type, radio 1's and radio 2's roles, the item, whether a reboot is needed.
+    std::vector<std::string> cases = {
+        "AP ap ap 10080000:proto=static 1",        "CPE ap ap 10080000:proto=static 0",
+        "AP ap,rep ap 20884000:ssid=x 1",          "AP ap ap 20884000:ssid=x 0",
+        "CPE ap,wds,rep ap 20800000:channel=1 1",  "AP ap ap 20800000:channel=1 0",
+        "AP ap ap 20800000:state=disable 1",       "AP ap ap 20800000:state=enable 0",
+        "CPE ap ap 20800000:state=disable 0",      "AP ap ap 21000000:outdoor_use=on 1",
+        "AP ap ap 21000000:outdoor_use=disable 0", "AP rep ap 21000000:channel=1 1",
+        "AP ap ap,rep 21000000:channel=1 0",       "AP ap ap 21800000:state=disable 1",
+        "AP ap ap 22000000:state=disable 0",       "AP ap ap 8080000:name=x 0"};
+    for (const char *gid : {"8180000", "10100000", "10500000", "10600000", "10780000", "18680000",
+                            "18780000", "20a80000", "20a84000"})
+        cases.push_back(std::string("CPE ap ap ") + gid + ":x=y 1");
+    for (const std::string &c : cases) {
+        std::istringstream in(c);
+        std::string type, roles1, roles2, item;
+        int reboot = -1, flag = 0;
+        in >> type >> roles1 >> roles2 >> item >> reboot;
         std::string doc = replaced(flash, "<opmode type=\"AP\"", "<opmode type=\"" + type + "\"");
-        doc = replaced(doc, "\"6\" country=\"US\" roles=\"ap\"",
-                       "\"6\" country=\"US\" roles=\"" + roles1 + "\"");
-        sandbox.write(config_ram, replaced(doc, "\"36\" country=\"US\" roles=\"ap\"",
-                                           "\"36\" country=\"US\" roles=\"" + roles2 + "\""));
-        return open_file(config_ram);
-    };
-    // Device type, radio 1's and radio 2's roles; the item; whether a reboot is needed.
-    std::vector<std::tuple<std::string, std::string, std::string, Row, int>> cases = {
-        {"AP", "ap", "ap", {0x10080000, "proto", "static"}, 1},
-        {"CPE", "ap", "ap", {0x10080000, "proto", "static"}, 0},
-        {"AP", "ap,rep", "ap", {0x20884000, "ssid", "x"}, 1},
-        {"AP", "ap", "ap", {0x20884000, "ssid", "x"}, 0},
-        {"CPE", "ap,wds,rep", "ap", {0x20800000, "channel", "1"}, 1},
-        {"AP", "ap", "ap", {0x20800000, "channel", "1"}, 0},
-        {"AP", "ap", "ap", {0x20800000, "state", "disable"}, 1},
-        {"AP", "ap", "ap", {0x20800000, "state", "enable"}, 0},
-        {"CPE", "ap", "ap", {0x20800000, "state", "disable"}, 0},
-        {"AP", "ap", "ap", {0x21000000, "outdoor_use", "on"}, 1},
-        {"AP", "ap", "ap", {0x21000000, "outdoor_use", "disable"}, 0},
-        {"AP", "rep", "ap", {0x21000000, "channel", "1"}, 1},
-        {"AP", "ap", "ap,rep", {0x21000000, "channel", "1"}, 0},
-        {"AP", "ap", "ap", {0x21800000, "state", "disable"}, 1},
-        {"AP", "ap", "ap", {0x22000000, "state", "disable"}, 0},
-        {"AP", "ap", "ap", {kDevice, "name", "x"}, 0}};
-    for (uint32_t gid : {0x08180000, 0x10100000, 0x10500000, 0x10600000, 0x10780000, 0x18680000,
-                         0x18780000, 0x20a80000, 0x20a84000})
-        cases.emplace_back("CPE", "ap", "ap", Row{gid, "x", "y"}, 1);
-    for (const auto &[type, roles1, roles2, item, reboot] : cases) {
-        Handle h = device(type, roles1, roles2);
-        int flag = 0;
-        EXPECT_EQ(check_items_need_reboot(h.get(), items({item}).get(), &flag), 0);
-        EXPECT_EQ(flag, reboot) << type << " " << roles1 << " " << roles2 << " "
-                                << std::get<0>(item) << " " << std::get<1>(item);
+        doc = replaced(doc, "\"6\"" + roles + "ap\"", "\"6\"" + roles + roles1 + "\"");
+        sandbox.write(config_ram,
+                      replaced(doc, "\"36\"" + roles + "ap\"", "\"36\"" + roles + roles2 + "\""));
+        EXPECT_EQ(check_items_need_reboot(open_file(config_ram).get(), items(item).get(), &flag),
+                  0);
+        EXPECT_EQ(flag, reboot) << c;
     }
-    Handle h = device("AP", "ap", "ap");
+    sandbox.write(config_ram, flash);
+    Handle h = open_file(config_ram);
     int flag = 7;
     EXPECT_EQ(check_items_need_reboot(h.get(), nullptr, &flag), 0);
-    EXPECT_EQ(flag, 7);  // untouched
+    EXPECT_EQ(flag, 7);  // no items: untouched
     flag = 1;
-    EXPECT_EQ(check_items_need_reboot(h.get(), items({{kDevice, "name", "x"}}).get(), &flag), 0);
+    EXPECT_EQ(check_items_need_reboot(h.get(), items("8080000:name=x").get(), &flag), 0);
     EXPECT_EQ(flag, 1);  // never cleared
-    EXPECT_EQ(check_items_need_reboot(nullptr, items({{kDevice, "name", "x"}}).get(), &flag), -1);
+    EXPECT_EQ(check_items_need_reboot(nullptr, items("8080000:name=x").get(), &flag), -1);
     sandbox.remove(current_config);  // opened only when needed
-    EXPECT_EQ(check_items_need_reboot(h.get(), items({{kDevice, "name", "x"}}).get(), &flag), 0);
-    EXPECT_EQ(
-        check_items_need_reboot(h.get(), items({{0x20800000, "state", "enable"}}).get(), &flag),
-        -1);
+    flag = 0;
+    EXPECT_EQ(check_items_need_reboot(h.get(), items("8080000:name=x").get(), &flag), 0);
+    EXPECT_EQ(check_items_need_reboot(h.get(), items("20800000:state=enable").get(), &flag), -1);
 }
 
 }  // namespace
