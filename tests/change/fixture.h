@@ -1,5 +1,5 @@
-// tests/change/fixture.h - what the change and wireless tests share: item lists written as text,
-// values read back, the daemons signalled, the locks held and forked children.
+// tests/change/fixture.h - what the change and wireless tests share: item lists as words, values
+// read back, forked children, the daemons signalled and the locks held.
 #pragma once
 
 #include <signal.h>
@@ -12,38 +12,33 @@
 
 namespace qorcfg::test {
 
-namespace os = ::qorcfg::os;
 namespace change = ::qorcfg::change;
-using ::qorcfg::change::kSyncRecord;
+namespace os = ::qorcfg::os;
+using change::kSyncRecord;
 using Items = std::unique_ptr<qorcfg_item, decltype(&free_item_list)>;
 constexpr uint32_t kDevice = 0x08080000, kDai = 0x10600000, kRep = 0x20a80000;
 
-// A list of the words "gid:name=value" (gid in hex) in the order given, freed with its scope.
+// A list of the words "gid:name=value" (gid in hex) in their order; words() writes one back.
 inline Items items(const std::string &words) {
     qorcfg_item *head = nullptr, **tail = &head;
     std::istringstream in(words);
-    for (std::string w; in >> w; tail = &(*tail)->next) {
-        const size_t colon = w.find(':'), eq = w.find('=');
+    for (std::string w; in >> w; tail = &(*tail)->next)
         *tail = get_new_item(static_cast<int32_t>(std::stoul(w, nullptr, 16)),
-                             w.substr(colon + 1, eq - colon - 1).c_str(), w.substr(eq + 1).c_str());
-    }
+                             w.substr(w.find(':') + 1, w.find('=') - w.find(':') - 1).c_str(),
+                             w.substr(w.find('=') + 1).c_str());
     return Items(head, &free_item_list);
 }
-// A list in the same words, each followed by a blank.
 inline std::string words(const qorcfg_item *list) {
     std::ostringstream out;
     for (; list != nullptr; list = list->next)
         out << std::hex << list->gid << ":" << list->name << "=" << list->value << " ";
     return out.str();
 }
-// An item of the handle's own tree, or "(missing)".
 inline std::string value(qorcfg_handle *h, uint32_t gid, const std::string &item) {
     char buf[QORCFG_VALUE_SIZE] = "";
     return get_cfg_item_direct(h, gid, item.c_str(), buf) == 0 ? buf : "(missing)";
 }
-
-// Runs `body` in a forked child that exits with its result; reap() gives the exit status, or
-// 128 + the signal that ended the child.
+// A forked child that exits with body's result; reap() gives it, or 128 + the ending signal.
 inline pid_t spawn(const std::function<int()> &body) {
     std::fflush(nullptr);
     const pid_t pid = ::fork();
@@ -53,8 +48,7 @@ inline pid_t spawn(const std::function<int()> &body) {
 }
 inline int reap(pid_t pid) {
     int status = 0;
-    if (::waitpid(pid, &status, 0) != pid)
-        return -1;
+    ::waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
@@ -76,7 +70,7 @@ protected:
             out += std::to_string(s.pid) + (s.sig == SIGUSR2 ? " " : "/" + std::to_string(s.sig));
         return out;
     }
-    // The lock files held now: "access_lock(ex) qorcfg_ram(ex) ".
+    // The lock files held now, "access_lock(ex) qorcfg_ram(ex) " ("(sh)": shared).
     std::string held() const {
         std::istringstream all(locks(sandbox));
         std::string out;
