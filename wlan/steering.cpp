@@ -24,9 +24,9 @@ public:
     Steering(qorcfg_handle *handle) : handle_(handle) {}
 
     // An item of a radio's or a VAP's group; "" when it cannot be read.
-    std::string radio_item(int radio, const char *name) const { return read(gid_rf[radio], name); }
+    std::string radio_item(int radio, const char *name) const { return item(gid_rf[radio], name); }
     std::string vap_item(int radio, int vap, const char *name) const {
-        return read(gid_vap[radio * kVaps + vap], name);
+        return item(gid_vap[radio * kVaps + vap], name);
     }
     bool enabled(int radio, int vap) const { return vap_item(radio, vap, "state") == "enable"; }
 
@@ -41,7 +41,7 @@ public:
     }
 
 private:
-    std::string read(uint32_t gid, const char *name) const {
+    std::string item(uint32_t gid, const char *name) const {
         char value[kValue] = "";
         if (get_cfg_item(handle_, gid, name, value) != QORCFG_OK)
             return "";

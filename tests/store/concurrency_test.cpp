@@ -5,56 +5,41 @@
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <fcntl.h>
 #include <algorithm>
 #include <chrono>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
-#include <functional>
-#include <sstream>
-#include <string>
+#include <regex>
 #include <thread>
-#include <vector>
 
-#include "qorcfg.h"
-#include "store/platform.h"
-#include "tests/support/sandbox.h"
+#include "tests/support/fixtures.h"
 
 namespace {
 
+using namespace qorcfg::test;
 using Clock = std::chrono::steady_clock;
-constexpr uint32_t kSysDevice = 0x08080000;  // qorconfig.system.device
-// Generous bounds, only to turn a hang into a failure (valgrind is slow).
-constexpr auto kTimeout = std::chrono::seconds(120);
 
-// A complete configuration labelled `label` in its device name, its root and
-// its last element, padded with `entries` elements so that writing it takes a while.
-std::string config_doc(const std::string &label, int entries) {
-    std::string doc = "<qorconfig version=\"" + label +
-                      "\" devtype=\"AP\">\n<system><device name=\"" + label +
-                      "\"/></system>\n<pad>\n";
-    for (int i = 0; i < entries; ++i)
-        doc += "  <entry id=\"" + std::to_string(i) + "\" value=\"" + label + "\"/>\n";
-    return doc + "</pad>\n<tail mark=\"" + label + "\"/>\n</qorconfig>\n";
+// Whether `condition` comes to hold. The bound is generous, only there to
+// turn a hang into a failure (valgrind is slow).
+bool eventually(const std::function<bool()> &condition) {
+    for (const auto deadline = Clock::now() + std::chrono::seconds(120); !condition();) {
+        if (Clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
 }
 
 // Child processes of one test; any still running at the end are killed.
 class Children {
 public:
     ~Children() {
-        for (pid_t pid : pids_) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, nullptr, 0);
-        }
+        for (pid_t pid : pids_)
+            ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0);
     }
-    // Runs `body` in a child whose exit status is body's result.
+    // Runs `body` in a child whose exit status is body's result (99: it threw).
     pid_t spawn(const std::function<int()> &body) {
         std::fflush(nullptr);
         const pid_t pid = ::fork();
@@ -70,25 +55,12 @@ public:
             pids_.push_back(pid);
         return pid;
     }
-    // Whether the child has not ended yet (it is not reaped).
-    static bool running(pid_t pid) {
-        siginfo_t info{};
-        return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-               info.si_pid == 0;
-    }
-    // The child's exit status; -1 when it has not ended in time (it is killed).
-    int finish(pid_t pid, std::chrono::seconds timeout = kTimeout) {
-        const auto deadline = Clock::now() + timeout;
+    // The child's exit status; -1 when there is none or it has not ended in time.
+    int finish(pid_t pid) {
         int status = 0;
-        while (Clock::now() < deadline && running(pid))
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        const bool ended = !running(pid);
-        if (!ended)
-            ::kill(pid, SIGKILL);
-        ::waitpid(pid, &status, 0);
-        pids_.erase(std::remove(pids_.begin(), pids_.end(), pid), pids_.end());
-        if (!ended)
+        if (pid <= 0 || !eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }))
             return -1;
+        pids_.erase(std::remove(pids_.begin(), pids_.end(), pid), pids_.end());
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
@@ -96,67 +68,47 @@ private:
     std::vector<pid_t> pids_;
 };
 
-bool eventually(const std::function<bool()> &condition) {
-    const auto deadline = Clock::now() + kTimeout;
-    while (Clock::now() < deadline) {
-        if (condition())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return condition();
+// Waits until `pid` is queued for the working copy's lock, which this
+// process holds, as the kernel's lock table shows: "1: FLOCK  ADVISORY  WRITE
+// 4321 fe:00:5423993 0 EOF" for the holder, and "-> " (indented by the depth
+// of the queue) before "FLOCK" for a waiter. Where the table does not show
+// this process's own lock (no /proc/locks, another pid namespace) nothing can
+// be waited for; the test then still checks what the readers finally read.
+bool queued_behind_us(const Sandbox &sandbox, pid_t pid) {
+    struct stat st {};
+    if (::stat(sandbox.path("/var/lock/qorcfg_ram").c_str(), &st) != 0)
+        return false;
+    const auto listed = [&st](pid_t holder, const std::string &queued) {
+        const std::regex entry("^[0-9]+: " + queued + "FLOCK +\\w+ +\\w+ +" +
+                               std::to_string(holder) +
+                               " +[0-9a-f]+:[0-9a-f]+:" + std::to_string(st.st_ino) + " ");
+        std::ifstream table("/proc/locks");
+        for (std::string line; std::getline(table, line);)
+            if (std::regex_search(line, entry))
+                return true;
+        return false;
+    };
+    return !listed(::getpid(), "") || eventually([&] { return listed(pid, " *-> "); });
 }
 
-// Whether the kernel's lock table lists process `pid` as holding (or, with
-// `waiting`, as queued for) a flock lock on the file with inode `inode`.
-bool in_lock_table(pid_t pid, ino_t inode, bool waiting) {
-    std::ifstream table("/proc/locks");
-    const std::string inode_suffix = ":" + std::to_string(inode);
-    for (std::string line; std::getline(table, line);) {
-        std::istringstream fields(line);
-        std::string id, kind;
-        fields >> id >> kind;
-        const bool queued = kind == "->";
-        if (queued)
-            fields >> kind;
-        std::string advisory, mode, holder, device;
-        fields >> advisory >> mode >> holder >> device;
-        if (queued == waiting && kind == "FLOCK" && holder == std::to_string(pid) &&
-            device.size() > inode_suffix.size() &&
-            device.compare(device.size() - inode_suffix.size(), inode_suffix.size(),
-                           inode_suffix) == 0)
-            return true;
-    }
-    return false;
+// In a child: the label of the working copy, opened as init_qorcfg_direct
+// does (under its lock), which config_doc writes into the root's version,
+// the device name and the last element; "" when the three differ or the
+// document has an error.
+std::string label() {
+    const Tree root = own(init_qorcfg_direct());
+    if (root == nullptr || ezxml_error(root.get())[0] != '\0')
+        return "";
+    const char *version = ezxml_attr(root.get(), "version");
+    const char *name = ezxml_attr(element_at(root.get(), "qorconfig.system.device"), "name");
+    const char *mark = ezxml_attr(element_at(root.get(), "qorconfig.tail"), "mark");
+    const bool same =
+        version && name && mark && std::string(version) == name && std::string(name) == mark;
+    return same ? version : "";
 }
 
-// Waits until `pid` is queued for the lock on `inode`, which this process
-// holds. Where the lock table does not show this process's own lock (no
-// /proc/locks, another pid namespace) nothing can be waited for; the test
-// then still checks what the readers finally read.
-bool queued_behind_us(pid_t pid, ino_t inode) {
-    if (!in_lock_table(::getpid(), inode, false))
-        return true;
-    return eventually([&] { return in_lock_table(pid, inode, true); });
-}
-
-// Child body: opens the working copy and checks its root's version.
-int read_version(const std::string &expected) {
-    ezxml_node *root = init_qorcfg_direct();
-    if (root == nullptr)
-        return 1;
-    const char *version = ezxml_attr(root, "version");
-    const bool ok = ezxml_error(root)[0] == '\0' && version != nullptr && version == expected;
-    ezxml_free(root);
-    return ok ? 0 : 2;
-}
-
-class ConcurrencyTest : public qorcfg::test::SandboxTest {
+class ConcurrencyTest : public StoreTest {
 protected:
-    void SetUp() override { setenv("QORCFG_PRINT_ERR", "1", 1); }
-    ino_t inode_of(const char *device_path) const {
-        struct stat st {};
-        return ::stat(sandbox.path(device_path).c_str(), &st) == 0 ? st.st_ino : 0;
-    }
     Children children;
 };
 
@@ -165,14 +117,13 @@ TEST_F(ConcurrencyTest, ReadersWaitWhileAWriterHoldsTheWorkingCopy) {
     const int writer = lock_qorcfg(1, LOCK_EX);
     ASSERT_GE(writer, 0);
     sandbox.write(config_ram, "<qorconfig version=\"half\"><system><dev");  // midway
-    const ino_t lock_file = inode_of("/var/lock/qorcfg_ram");
+    const auto reads_after = [] { return label() == "after" ? 0 : 1; };
     std::vector<pid_t> readers;
     for (int i = 0; i < 4; ++i)
-        readers.push_back(children.spawn([] { return read_version("after"); }));
+        readers.push_back(children.spawn(reads_after));
     for (pid_t reader : readers) {
         ASSERT_GT(reader, 0);
-        EXPECT_TRUE(queued_behind_us(reader, lock_file));
-        EXPECT_TRUE(Children::running(reader));
+        EXPECT_TRUE(queued_behind_us(sandbox, reader));
     }
     sandbox.write(config_ram, config_doc("after", 10));
     EXPECT_EQ(unlock_qorcfg(writer), 0);
@@ -182,8 +133,7 @@ TEST_F(ConcurrencyTest, ReadersWaitWhileAWriterHoldsTheWorkingCopy) {
     // Readers do not wait for each other.
     const int shared = lock_qorcfg(1, LOCK_SH);
     ASSERT_GE(shared, 0);
-    const pid_t reader = children.spawn([] { return read_version("after"); });
-    EXPECT_EQ(children.finish(reader, std::chrono::seconds(60)), 0);
+    EXPECT_EQ(children.finish(children.spawn(reads_after)), 0);
     unlock_qorcfg(shared);
 }
 
@@ -192,29 +142,17 @@ TEST_F(ConcurrencyTest, MissingWorkingCopyTakesTheFlashLockBeforeTheRamLock) {
     sandbox.write(config_rom, flash);
     const int ram = lock_qorcfg(1, LOCK_EX);
     ASSERT_GE(ram, 0);
-    const ino_t ram_lock = inode_of("/var/lock/qorcfg_ram");
-    const pid_t child = children.spawn([] { return read_version("flash"); });
+    const pid_t child = children.spawn([] { return label() == "flash" ? 0 : 1; });
     ASSERT_GT(child, 0);
-    // While it waits for the RAM lock, the child holds the flash lock (shared).
-    EXPECT_TRUE(eventually([] {
-        const int fd = lock_qorcfg(2, LOCK_EX | LOCK_NB);
-        if (fd >= 0)
-            unlock_qorcfg(fd);
-        return fd == -10;
-    }));
-    EXPECT_TRUE(queued_behind_us(child, ram_lock));
-    EXPECT_TRUE(Children::running(child));
+    // While it waits for the RAM lock, the child holds the flash lock, shared.
+    EXPECT_TRUE(eventually([&] { return locks(sandbox) == "qorcfg_ram(ex) qorcfg_rom(sh) "; }))
+        << locks(sandbox);
+    EXPECT_TRUE(queued_behind_us(sandbox, child));
     EXPECT_FALSE(sandbox.exists(config_ram));  // not touched before its lock is held
-    const int shared_flash = lock_qorcfg(2, LOCK_SH | LOCK_NB);
-    EXPECT_GE(shared_flash, 0);  // a shared hold, not an exclusive one
-    unlock_qorcfg(shared_flash);
-
     EXPECT_EQ(unlock_qorcfg(ram), 0);
     EXPECT_EQ(children.finish(child), 0);
     EXPECT_EQ(sandbox.read(config_ram), flash);
-    const int rom = lock_qorcfg(2, LOCK_EX | LOCK_NB);  // released again
-    EXPECT_GE(rom, 0);
-    unlock_qorcfg(rom);
+    EXPECT_EQ(locks(sandbox), "qorcfg_ram qorcfg_rom ");  // both released again
 }
 
 TEST_F(ConcurrencyTest, ReadersNeverSeeAHalfWrittenWorkingCopy) {
@@ -254,26 +192,9 @@ TEST_F(ConcurrencyTest, ReadersNeverSeeAHalfWrittenWorkingCopy) {
     std::vector<pid_t> readers;
     for (int r = 0; r < 8; ++r) {
         readers.push_back(children.spawn([] {
-            for (int i = 0; i < 50; ++i) {
-                auto *cell = static_cast<qorcfg_handle *>(std::malloc(sizeof(qorcfg_handle)));
-                if (cell == nullptr)
-                    return 10;
-                cell->xml = init_qorcfg_direct();
-                if (cell->xml == nullptr) {
-                    std::free(cell);
-                    return 11;
-                }
-                char name[QORCFG_VALUE_SIZE], mark[QORCFG_VALUE_SIZE];
-                const int by_gid = get_cfg_item_direct(cell, kSysDevice, "name", name);
-                const int by_path =
-                    get_cfg_item_by_prefix_direct(cell, "qorconfig", "tail.mark", mark);
-                close_qorcfg(cell);
-                if (by_gid != 0 || by_path != 0)
-                    return 12;
-                const std::string seen = name;
-                if (seen != mark || (seen != "alpha" && seen != "bravo"))
-                    return 13;
-            }
+            for (int i = 0; i < 50; ++i)
+                if (const std::string seen = label(); seen != "alpha" && seen != "bravo")
+                    return 1;
             return 0;
         }));
     }

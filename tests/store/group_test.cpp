@@ -33,34 +33,27 @@ TEST(GroupScan, TextsMatchWholeInTheirOwnColumnAndTheFirstRowWins) {
         {0, nullptr, 0, nullptr},
     };
     // text, row found by name, row found by path (-1: none)
-    const std::tuple<const char *, int, int> cases[] = {
-        {"rf1", 2, -1},
-        {"rf10", 1, -1},
-        {"rf", -1, -1},
-        {"rf1_", -1, -1},
-        {"rf1_vap10", -1, -1},
-        {"RF1", -1, -1},
-        {"lan ", -1, -1},
-        {"", -1, -1},
-        {"qorconfig.wlan.rf1", -1, 2},
-        {"qorconfig.wlan.rf10", -1, 1},
-        {"qorconfig.wlan.rf", -1, -1},
-        {"qorconfig.wlan.rf1.vap:0", -1, -1},
-        {"qorconfig.wlan.rf1.vap.", -1, -1},
-        {"dai", 4, 3},
-        {"qorconfig.net.dai", 3, 4},
-        {"lan", 5, -1},
-        {"lan_again", 7, -1},
-        {"qorconfig.net.lan.dhcp", -1, 6},
-        {"end", -1, -1},
-        {"qorconfig.end", -1, -1},
-        {"after", -1, -1},
-        {"qorconfig.after", -1, -1},
-    };
+    const std::tuple<const char *, int, int> hits[] = {{"rf1", 2, -1},
+                                                       {"rf10", 1, -1},
+                                                       {"qorconfig.wlan.rf1", -1, 2},
+                                                       {"lan", 5, -1},
+                                                       {"lan_again", 7, -1},
+                                                       {"qorconfig.wlan.rf10", -1, 1},
+                                                       {"dai", 4, 3},
+                                                       {"qorconfig.net.dai", 3, 4},
+                                                       {"qorconfig.net.lan.dhcp", -1, 6}};
     auto row = [&](int i) { return i < 0 ? nullptr : &t[i]; };
-    for (const auto &[text, by_name, by_path] : cases) {
+    for (const auto &[text, by_name, by_path] : hits) {
         EXPECT_EQ(scan_group_by_name(t, text), row(by_name)) << text;
         EXPECT_EQ(scan_group_by_path(t, text), row(by_path)) << text;
+    }
+    // Found by neither: parts, extensions and other cases of texts, the
+    // terminator's texts and those of rows after it.
+    for (const char *text : {"rf", "rf1_", "rf1_vap10", "RF1", "lan ", "", "qorconfig.wlan.rf",
+                             "qorconfig.wlan.rf1.vap:0", "qorconfig.wlan.rf1.vap.", "end",
+                             "qorconfig.end", "after", "qorconfig.after"}) {
+        EXPECT_EQ(scan_group_by_name(t, text), nullptr) << text;
+        EXPECT_EQ(scan_group_by_path(t, text), nullptr) << text;
     }
     const std::pair<uint32_t, int> gids[] = {
         {0x10200000, 5}, {0x10280000, 8}, {0x20800000, 2}, {0, -1}, {0x30000000, -1}};
@@ -124,8 +117,6 @@ TEST(GroupTable, LookupsFollowTheLiveTableAndGiveItsOwnRows) {
     EXPECT_EQ(group_by_path(nullptr), nullptr);
 }
 
-// ---- item lists ------------------------------------------------------------------------
-
 constexpr int32_t kSysDevice = 0x08080000;  // group "sys_device"
 constexpr int32_t kAccounts = 0x18080000;   // group "mgmt_accounts"
 
@@ -138,10 +129,7 @@ std::string nodes(const qorcfg_item *list) {
     return out;
 }
 
-class ItemListTest : public SandboxTest {
-protected:
-    void SetUp() override { setenv("QORCFG_PRINT_ERR", "1", 1); }
-};
+using ItemListTest = StoreTest;
 
 TEST_F(ItemListTest, NewItemsAreExactCopiesAndAppendedOnesKeepGidOrder) {
     const std::string value(300, 'v');  // an exact copy is not cut
@@ -163,15 +151,11 @@ TEST_F(ItemListTest, NewItemsAreExactCopiesAndAppendedOnesKeepGidOrder) {
     // Before the first node of a gid >= the new one (so newest first within
     // a gid); gids compare signed: those with the top bit set come first.
     qorcfg_item *list = nullptr;
-    const std::pair<int32_t, const char *> steps[] = {{5, "first5"},
-                                                      {3, "3"},
-                                                      {5, "second5"},
-                                                      {1, "1"},
-                                                      {9, "tail"},
-                                                      {-1, "minus"},
-                                                      {static_cast<int32_t>(0x90000000u), "high"}};
+    const std::pair<uint32_t, const char *> steps[] = {
+        {5, "first5"}, {3, "3"},       {5, "second5"},       {1, "1"},
+        {9, "tail"},   {~0u, "minus"}, {0x90000000u, "high"}};
     for (const auto &[gid, name] : steps)
-        list = append_cfg_item(list, gid, name, "x");
+        list = append_cfg_item(list, static_cast<int32_t>(gid), name, "x");
     EXPECT_EQ(nodes(list),
               "-1879048192:high=x -1:minus=x 1:1=x 3:3=x 5:second5=x 5:first5=x 9:tail=x ");
     const std::string before = nodes(list);

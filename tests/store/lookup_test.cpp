@@ -196,7 +196,8 @@ TEST_F(LookupTest, ItemsByPathComeFromTheWorkingCopyAndItemListsAreFilled) {
                items->next->next->value;
     };
     EXPECT_EQ(values(), kLong.substr(0, 255) + "||before");  // the third is never read
-    std::strcpy(items->next->name, "cur_num");
+    std::free(items->next->name);
+    items->next->name = strdup("cur_num");
     EXPECT_EQ(get_cfg_items(h.get(), items), 0);
     EXPECT_EQ(values(), kLong.substr(0, 255) + "|2|8");
     free_item_list(items);

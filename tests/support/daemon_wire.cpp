@@ -16,7 +16,9 @@
 #include "store/wire.h"
 
 namespace qorcfg::test {
+namespace {
 
+// Big-endian 16- and 32-bit fields.
 std::string be16(uint32_t v) {
     return {static_cast<char>((v >> 8) & 0xff), static_cast<char>(v & 0xff)};
 }
@@ -24,6 +26,28 @@ std::string be16(uint32_t v) {
 std::string be32(uint32_t v) {
     return be16(v >> 16) + be16(v & 0xffff);
 }
+
+// A socket bound to (and listening on, when `listen`) or connected to the
+// daemon socket path, or -1.
+int daemon_socket(bool bind_it, bool listen) {
+    const std::string &path = os::daemon_socket_path();
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof addr.sun_path)
+        return -1;
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    const auto *at = reinterpret_cast<const sockaddr *>(&addr);
+    if (bind_it)
+        ::unlink(path.c_str());
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool ok = bind_it ? ::bind(fd, at, sizeof addr) == 0 && (!listen || ::listen(fd, 8) == 0)
+                            : ::connect(fd, at, sizeof addr) == 0;
+    if (!ok && fd >= 0)
+        ::close(fd);
+    return ok ? fd : -1;
+}
+
+}  // namespace
 
 std::string header(uint32_t flags, int32_t result) {
     return std::string(1, static_cast<char>(wire::kHeaderRecord)) + be16(wire::kHeaderValue) +
@@ -56,32 +80,6 @@ std::string request(uint32_t code, const std::string &file, const std::string &i
     return r;
 }
 
-namespace {
-
-int daemon_socket(bool bind_it, bool listen) {
-    const std::string &path = os::daemon_socket_path();
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0 || path.size() >= sizeof addr.sun_path) {
-        ::close(fd);
-        return -1;
-    }
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    const auto *at = reinterpret_cast<const sockaddr *>(&addr);
-    if (bind_it)
-        ::unlink(path.c_str());
-    const bool ok = bind_it ? ::bind(fd, at, sizeof addr) == 0 && (!listen || ::listen(fd, 8) == 0)
-                            : ::connect(fd, at, sizeof addr) == 0;
-    if (!ok) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-}  // namespace
-
 int bind_daemon_socket(bool listen) {
     return daemon_socket(true, listen);
 }
@@ -99,10 +97,6 @@ FakeDaemon::FakeDaemon(std::vector<std::string> replies) : pad_(false) {
 FakeDaemon::FakeDaemon(std::vector<std::vector<std::string>> chunked_replies)
     : replies_(std::move(chunked_replies)), pad_(true) {
     listen();
-}
-
-FakeDaemon::~FakeDaemon() {
-    stop();
 }
 
 void FakeDaemon::listen() {

@@ -11,10 +11,6 @@
 
 namespace qorcfg::test {
 
-// Big-endian 16- and 32-bit fields.
-std::string be16(uint32_t v);
-std::string be32(uint32_t v);
-
 // Reply records: the chunk header, a name (type 3) or value (type 4) text,
 // an index (type 5) and the end of a chunk (type 0).
 std::string header(uint32_t flags, int32_t result);
@@ -43,7 +39,7 @@ class FakeDaemon {
 public:
     explicit FakeDaemon(std::vector<std::string> replies);
     explicit FakeDaemon(std::vector<std::vector<std::string>> chunked_replies);
-    ~FakeDaemon();
+    ~FakeDaemon() { stop(); }
     FakeDaemon(const FakeDaemon &) = delete;
     FakeDaemon &operator=(const FakeDaemon &) = delete;
 

@@ -2,19 +2,11 @@
 #include "tests/support/fixtures.h"
 
 #include <filesystem>
-#include <fstream>
 #include <ostream>
 #include <set>
 #include <sstream>
 
 namespace qorcfg::test {
-
-std::string read_file(const std::string &host_path) {
-    std::ifstream in(host_path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 std::string sample(const char *device_path) {
     return read_file(devroot() + device_path);

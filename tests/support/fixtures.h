@@ -30,7 +30,6 @@ using os::Call;
 
 // ---- files -------------------------------------------------------------------
 
-std::string read_file(const std::string &host_path);
 // Files of the sample device root: "/conf/config.xml" (flash copy),
 // "/etc/default-config.xml" (factory default), "/etc/cfg-rule.xml" (rules).
 std::string sample(const char *device_path);

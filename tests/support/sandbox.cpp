@@ -17,11 +17,23 @@ namespace fs = std::filesystem;
 
 namespace qorcfg::test {
 
+namespace {
+
+// Scratch directory of the test run (under the build tree).
 std::string scratch_dir() {
     const char *env = std::getenv("QORCFG_TEST_SCRATCH");
     std::string dir = env != nullptr && env[0] != '\0' ? env : QORCFG_TEST_SCRATCH;
     fs::create_directories(dir);
     return dir;
+}
+
+}  // namespace
+
+std::string read_file(const std::string &host_path) {
+    std::ifstream in(host_path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
 }
 
 std::string devroot() {
@@ -67,10 +79,7 @@ void Sandbox::write(std::string_view device_path, std::string_view content) cons
 }
 
 std::string Sandbox::read(std::string_view device_path) const {
-    std::ifstream in(path(device_path), std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return read_file(path(device_path));
 }
 
 bool Sandbox::exists(std::string_view device_path) const {
@@ -91,6 +100,13 @@ void Sandbox::answer(std::string prefix, std::string output, int status) {
     runner_.answer(std::move(prefix), std::move(output), status);
 }
 
+std::vector<std::string> Sandbox::runs() const {
+    std::vector<std::string> out;
+    for (const os::Command &c : runner_.commands())
+        out.push_back((c.kind == os::Command::system ? "system: " : "pipe: ") + c.line);
+    return out;
+}
+
 CaptureOutput::CaptureOutput(int fd) : fd_(fd) {
     std::string pattern = scratch_dir() + "/capture-XXXXXX";
     int tmp = ::mkstemp(pattern.data());
@@ -103,19 +119,12 @@ CaptureOutput::CaptureOutput(int fd) : fd_(fd) {
     ::close(tmp);
 }
 
-CaptureOutput::~CaptureOutput() {
-    text();
-}
-
 std::string CaptureOutput::text() {
     if (!done_) {
         std::fflush(nullptr);
         ::dup2(saved_, fd_);
         ::close(saved_);
-        std::ifstream in(file_, std::ios::binary);
-        std::ostringstream all;
-        all << in.rdbuf();
-        text_ = all.str();
+        text_ = read_file(file_);
         std::remove(file_.c_str());
         done_ = true;
     }

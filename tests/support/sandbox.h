@@ -42,6 +42,8 @@ public:
     // the command lines recorded so far.
     void answer(std::string prefix, std::string output, int status = 0);
     std::vector<std::string> commands() const { return runner_.lines(); }
+    // The same, each after how it ran: "system: LINE" or "pipe: LINE".
+    std::vector<std::string> runs() const;
 
 private:
     std::string root_;
@@ -60,7 +62,7 @@ protected:
 class CaptureOutput {
 public:
     explicit CaptureOutput(int fd);
-    ~CaptureOutput();
+    ~CaptureOutput() { text(); }
     CaptureOutput(const CaptureOutput &) = delete;
     CaptureOutput &operator=(const CaptureOutput &) = delete;
     // Stop capturing and return the text; later calls return the same text.
@@ -74,8 +76,8 @@ private:
     bool done_ = false;
 };
 
-// Scratch directory of the test run (under the build tree).
-std::string scratch_dir();
+// The content of a host file ("" when it cannot be read).
+std::string read_file(const std::string &host_path);
 
 // The sample device root of the source tree (read only).
 std::string devroot();

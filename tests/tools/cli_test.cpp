@@ -81,23 +81,19 @@ Result run_cli(const std::string &root, const std::vector<std::string> &args,
         if (!std::string_view(*e).starts_with("QORCFG_PRINT_ERR="))
             env_words.push_back(*e);
     std::vector<char *> argv = pointers(words), envp = pointers(env_words);
-    // The output files are siblings of the device root, not inside it.
-    const std::string out = root + ".stdout", err = root + ".stderr";
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    // The tool writes to this process's output and errors, captured meanwhile.
+    qorcfg::test::CaptureOutput out(STDOUT_FILENO), err(STDERR_FILENO);
     pid_t pid = -1;
     const int rc = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     int wstatus = 0;
     if (rc != 0 || TEMP_FAILURE_RETRY(::waitpid(pid, &wstatus, 0)) != pid)
         throw std::runtime_error(std::string("cannot run ") + argv[0]);
-    Result result{WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1,
-                  WIFSIGNALED(wstatus) ? WTERMSIG(wstatus) : 0, read_file(out), read_file(err)};
-    std::remove(out.c_str()), std::remove(err.c_str());
-    return result;
+    return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1,
+            WIFSIGNALED(wstatus) ? WTERMSIG(wstatus) : 0, out.text(), err.text()};
 }
 
 // A sandbox holding a copy of the sample device root. Run-time files a
@@ -200,9 +196,7 @@ TEST_P(Golden, OutputErrorsAndStatusMatchTheTranscript) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cli, Golden, ::testing::ValuesIn(transcripts()),
-                         [](const ::testing::TestParamInfo<std::string> &param) {
-                             return param.param;
-                         });
+                         [](const auto &param) { return param.param; });
 
 // ---- statuses of hostile arguments; reads leave the files alone -----------------------
 

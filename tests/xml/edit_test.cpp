@@ -221,8 +221,6 @@ std::string tree(const ezxml_node *n) {
     return out + ")";
 }
 
-// ---- writing ------------------------------------------------------------------------
-
 TEST(XmlWrite, EscapesDefaultsInstructionsAndRoundTrips) {
     const char *raw = "q\"\n\t&<>\r'\xC3\xA9\x01\x7F";
     ezxml_node *r = ezxml_set_txt(ezxml_set_attr(ezxml_new("r"), "a", raw), raw);

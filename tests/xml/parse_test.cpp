@@ -208,7 +208,8 @@ using XmlFiles = SandboxTest;
 TEST_F(XmlFiles, MapsFilesAndReadsTheUnmappableIn) {
     const std::string text = "<cfg>\n<sys name=\"ap&amp;1\">x</sys>\n</cfg>\n";
     sandbox.write("/etc/doc.xml", text);
-    const std::string host = sandbox.path("/etc/doc.xml");
+    sandbox.write("/etc/empty.xml", "");
+    const std::string host = sandbox.path("/etc/doc.xml"), empty = sandbox.path("/etc/empty.xml");
     qorcfg::os::set_root("");  // host paths pass the seam unchanged
     const int fd = ::open(host.c_str(), O_RDONLY);
     qorcfg::os::fail_nth(Call::mmap, 2, ENOMEM);  // the second parse cannot map its file
@@ -223,6 +224,13 @@ TEST_F(XmlFiles, MapsFilesAndReadsTheUnmappableIn) {
     EXPECT_EQ(::close(fd), 0);  // the descriptor stays the caller's
     EXPECT_EQ(ezxml_parse_file(sandbox.path("/etc/missing.xml").c_str()), nullptr);
     EXPECT_EQ(ezxml_parse_fd(-1), nullptr);
+    // An empty file or stream: no tree, or the error of a missing root.
+    const Tree file = own(ezxml_parse_file(empty.c_str()));
+    EXPECT_TRUE(file == nullptr || ezxml_error(file.get())[0] != '\0');
+    FILE *fp = std::fopen(empty.c_str(), "r");
+    EXPECT_STREQ(ezxml_error(own(ezxml_parse_fp(fp)).get()),
+                 "[error near line 1]: root tag missing");
+    std::fclose(fp);
 }
 
 // The prefix parser over `file` from a memory stream, which must be read to
