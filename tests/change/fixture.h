@@ -1,5 +1,5 @@
 // tests/change/fixture.h - what the change and wireless tests share: item lists as words, values
-// read back, forked children, the daemons signalled and the locks held.
+// read back, forked children and the daemons signalled.
 #pragma once
 
 #include <signal.h>
@@ -41,10 +41,9 @@ inline std::string value(qorcfg_handle *h, uint32_t gid, const std::string &item
 // A forked child that exits with body's result; reap() gives it, or 128 + the ending signal.
 inline pid_t spawn(const std::function<int()> &body) {
     std::fflush(nullptr);
-    const pid_t pid = ::fork();
-    if (pid == 0)
-        std::_Exit(body());
-    return pid;
+    if (const pid_t pid = ::fork(); pid != 0)
+        return pid;
+    std::_Exit(body());
 }
 inline int reap(pid_t pid) {
     int status = 0;
@@ -56,9 +55,9 @@ inline int reap(pid_t pid) {
 class ChangeTest : public StoreTest {
 protected:
     void SetUp() override {
-        sandbox.write("/var/run/read_qorcfgd.pid", "101\n");
-        sandbox.write("/var/run/snmpd.pid", "102\n");
-        sandbox.write("/var/run/qorsic.pid", "103\n");
+        for (const auto &[daemon, pid] :
+             {std::pair{"read_qorcfgd", 101}, {"snmpd", 102}, {"qorsic", 103}})
+            sandbox.write("/var/run/" + std::string(daemon) + ".pid", std::to_string(pid) + "\n");
         for (qorcfg_group *g = group_table; g->gid != 0; ++g)
             g->changed = 0;
         sandbox.runner().clear();
@@ -68,14 +67,6 @@ protected:
         std::string out;
         for (const os::Signal &s : sandbox.runner().signals())
             out += std::to_string(s.pid) + (s.sig == SIGUSR2 ? " " : "/" + std::to_string(s.sig));
-        return out;
-    }
-    // The lock files held now, "access_lock(ex) qorcfg_ram(ex) " ("(sh)": shared).
-    std::string held() const {
-        std::istringstream all(locks(sandbox));
-        std::string out;
-        for (std::string lock; all >> lock;)
-            out += lock.back() == ')' ? lock + " " : "";
         return out;
     }
 };
