@@ -43,20 +43,18 @@ Attrs cat(Attrs a, const Attrs &b) {
 }
 const Attrs kRoot = {{"version", "1.10.01", -1}, {"devtype", "AP", -1}};
 const Attrs kOwn = {{"max", "8", -1}, {"cur_num", "2", -1}};
-// Children first, then same-name elements, then siblings; what follows a skipped element
-// under the same parent is left out with it.
-const Attrs kWalk = cat(kOwn, {{"user", "admin", 0},
-                               {"level", "1", 0},
-                               {"id", "k0", 0},
-                               {"id", "k1", 1},
-                               {"user", "operator", 1},
-                               {"level", "2", 1},
-                               {"id", "k2", -1},
-                               {"text", "hi", -1},
-                               {"a", "xy", -1}});
+// The accounts' own attributes, then children first, then same-name elements, then siblings;
+// what follows a skipped element under the same parent is left out with it.
+const Attrs kWalk = {{"max", "8", -1},        {"cur_num", "2", -1}, {"user", "admin", 0},
+                     {"level", "1", 0},       {"id", "k0", 0},      {"id", "k1", 1},
+                     {"user", "operator", 1}, {"level", "2", 1},    {"id", "k2", -1},
+                     {"text", "hi", -1},      {"a", "xy", -1}};
 const Attrs kAdmin = {{"user", "admin", -1}, {"level", "1", -1}};
 const Attrs kAdminKeys = cat(kAdmin, {{"id", "k0", 0}, {"id", "k1", 1}});
 const Attrs kOperatorKeys = {{"user", "operator", -1}, {"level", "2", -1}, {"id", "k2", -1}};
+// The statics under lan_dhcp, walked from the first.
+const Attrs kStatics = {{"mac", "m0", -1}, {"ip", "i0", -1}, {"k", "a", -1}, {"mac", "m1", 0},
+                        {"ip", "i1", 0},   {"mac", "m2", 1}, {"ip", "i2", 1}};
 const Attrs kStatic1 = {{"mac", "m1", -1}, {"ip", "i1", -1}};
 const Attrs kFromDaemon = {{"ssid", "Lab-Corp", 0}, {"vlan", "10", -1}};
 
@@ -75,14 +73,21 @@ constexpr auto name_d = &get_attr_list_by_group_name_direct, name = &get_attr_li
                prefix_d = &get_attr_list_by_prefix_direct, prefix = &get_attr_list_by_prefix;
 }  // namespace rd
 
-struct Case {
-    const char *what;
-    Reader read;
-    Attrs want;
-};
+// What is read, the reader and the list it gives.
+using Case = std::tuple<const char *, Reader, Attrs>;
 void expect_cases(qorcfg_handle *h, const std::vector<Case> &cases) {
-    for (const Case &c : cases)
-        EXPECT_EQ(attrs(c.read(h)), c.want) << c.what;
+    for (const auto &[what, read, want] : cases)
+        EXPECT_EQ(attrs(read(h)), want) << what;
+}
+// A read with a fresh network-mode handle, and the handle's root element afterwards (null: no
+// tree; "net": still in network mode).
+void expect_net(const Case &c, const char *root) {
+    const auto &[what, read, want] = c;
+    Handle h = open_net();
+    EXPECT_EQ(attrs(read(h.get())), want) << what;
+    const bool net = std::string(root ? root : "") == "net";
+    EXPECT_EQ(is_net_cfg(h.get()) + get_net_qorcfg(0), net ? 2 : 0) << what;
+    EXPECT_STREQ(net ? "net" : h->xml ? h->xml->name : nullptr, root) << what;
 }
 
 // ---- the daemon's byte formats ----------------------------------------------------
@@ -92,11 +97,6 @@ std::string rec(const std::string &name, const std::string &value, int32_t index
 }
 const std::vector<std::string> kDaemonReply = {header(0, 0) + rec("ssid", "Lab-Corp", 0) +
                                                rec("vlan", "10") + kEnd};
-// The 1,011 bytes of a list request (the item field stays empty).
-std::string request(uint32_t code, const std::string &file, const std::string &name,
-                    const std::string &path, int32_t gid) {
-    return qorcfg::test::request(code, file, "", name, path, gid);
-}
 
 class AttrListTest : public StoreTest {
 protected:
@@ -121,15 +121,7 @@ TEST_F(AttrListTest, WalkFlagsSubPathsAndRootFormsFollowEachReader) {
             {"accounts", call(rd::gid_f, kAccounts, nullptr, 0), kWalk},
             // Started at the first of several: it reports -1 and the next ones count from 0;
             // an indexed start skips the same-name elements after it.
-            {"static",
-             call(rd::prefix_f, "lan_dhcp", "static", 0),
-             {{"mac", "m0", -1},
-              {"ip", "i0", -1},
-              {"k", "a", -1},
-              {"mac", "m1", 0},
-              {"ip", "i1", 0},
-              {"mac", "m2", 1},
-              {"ip", "i2", 1}}},
+            {"static", call(rd::prefix_f, "lan_dhcp", "static", 0), kStatics},
             {"static:1", call(rd::prefix_f, "lan_dhcp", "static:1", 0), kStatic1},
             {"path prefix", call(rd::prefix_f, "qorconfig.mgmt", "accounts", 0), kWalk},
             {"qorconfig prefix, flags 1",
@@ -161,17 +153,9 @@ TEST_F(AttrListTest, WalkFlagsSubPathsAndRootFormsFollowEachReader) {
 
     // A network-mode handle is switched first: to the group's sub-tree, or (group-name reader
     // without sub) to the whole configuration.
-    const std::pair<Case, const char *> switching[] = {
-        {{"gid_d", call(rd::gid_d, kAccounts, "nope"), kWalk}, "accounts"},
-        {{"prefix", call(rd::prefix_f, "qorconfig.mgmt", "accounts", 2), kOwn}, "accounts"},
-        {{"name_d", call(rd::name_d, "mgmt_accounts", nullptr), kOwn}, "qorconfig"},
-    };
-    for (const auto &[c, root] : switching) {
-        Handle n = open_net();
-        EXPECT_EQ(attrs(c.read(n.get())), c.want) << c.what;
-        ASSERT_EQ(is_net_cfg(n.get()), 0);
-        EXPECT_STREQ(n->xml->name, root);
-    }
+    expect_net({"gid_d", call(rd::gid_d, kAccounts, "nope"), kWalk}, "accounts");
+    expect_net({"prefix", call(rd::prefix_f, "qorconfig.mgmt", "accounts", 2), kOwn}, "accounts");
+    expect_net({"name_d", call(rd::name_d, "mgmt_accounts", nullptr), kOwn}, "qorconfig");
 }
 
 TEST_F(AttrListTest, WalksDeeperThanAHundredLevelsGrowTheStack) {
@@ -190,7 +174,7 @@ TEST_F(AttrListTest, WalksDeeperThanAHundredLevelsGrowTheStack) {
         cat(want, after));
 }
 
-TEST_F(AttrListTest, FailuresGiveNullWithoutMessages) {
+TEST_F(AttrListTest, FailuresAndAllocationFailuresGiveNullWithoutMessages) {
     Handle h = open_file(config_ram);
     const std::string deep(3000, 'd');
     const std::pair<qorcfg_handle *, Reader> cases[] = {
@@ -209,17 +193,12 @@ TEST_F(AttrListTest, FailuresGiveNullWithoutMessages) {
         {nullptr, call(rd::name_s, "mgmt_accounts", nullptr, 0)},        // no handle
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
-        qorcfg_attr *list = nullptr;
-        EXPECT_EQ(stderr_of([&] { list = cases[i].second(cases[i].first); }), "") << i;
-        EXPECT_EQ(list, nullptr) << i;
-        free_attr_list(list);
+        const auto read = [&] { EXPECT_EQ(attrs(cases[i].second(cases[i].first)), Attrs{}) << i; };
+        EXPECT_EQ(stderr_of(read), "") << i;
     }
-}
 
-// Records come from the failable allocator; a failure gives no list and leaks nothing (the
-// asan preset's leak checker sees every block).
-TEST_F(AttrListTest, AllocationFailuresGiveNull) {
-    Handle h = open_file(config_ram);
+    // Records come from the failable allocator; a failure gives no list and leaks nothing (the
+    // asan preset's leak checker sees every block).
     for (const Reader &read :
          {call(rd::gid_d, kAccounts, nullptr), call(rd::prefix_f, "lan_dhcp", "static", 0)}) {
         const Attrs want = attrs(read(h.get()));
@@ -232,19 +211,28 @@ TEST_F(AttrListTest, AllocationFailuresGiveNull) {
 
 // ---- the daemon-first forms -------------------------------------------------------
 
-TEST_F(AttrListTest, DaemonFormsSendTheirRequestAndReturnTheReplyAsItStands) {
-    FakeDaemon daemon(std::vector<std::vector<std::string>>(5, kDaemonReply));
+TEST_F(AttrListTest, DaemonFormsSendTheirRequestAndReturnTheJoinedReplyAsItStands) {
+    const std::string first = header(2, 0) + rec("ssid", "Lab-Corp", 0);
+    std::vector<std::vector<std::string>> replies(5, kDaemonReply);
+    replies.insert(replies.end(),
+                   {{first + rec("vlan", "10") + kEnd, rec("ssid", "Lab-Guest", 1) + kEnd,
+                     header(0, 0) + rec("state", "enable") + kEnd},
+                    {first + kEnd, kEnd},
+                    // Without the flag a reply is one chunk, whatever follows.
+                    {header(0, 0) + rec("ssid", "Lab-Corp", 0) + kEnd, rec("vlan", "10") + kEnd}});
+    FakeDaemon daemon(replies);
     ASSERT_TRUE(daemon.ok());
     const std::string ram = config_ram, current = current_config;
-    // The file asked about, the reader, and its request: an empty sub is none.
+    // The file asked about, the reader, and its request (no item): an empty sub is none.
     const std::tuple<const std::string &, Reader, std::string> forms[] = {
-        {ram, call(rd::gid, kAccounts, nullptr), request(2, ram, "", "", kAccounts)},
+        {ram, call(rd::gid, kAccounts, nullptr), request(2, ram, "", "", "", kAccounts)},
         {current, call(rd::gid_s, kLanDhcp, "static:1", 0),
-         request(5, current, "", "static:1", kLanDhcp)},
-        {ram, call(rd::name, "mgmt_accounts", ""), request(3, ram, "mgmt_accounts", "", -1)},
-        {ram, call(rd::name_s, "lan_dhcp", "static", 0), request(6, ram, "lan_dhcp", "static", -1)},
+         request(5, current, "", "", "static:1", kLanDhcp)},
+        {ram, call(rd::name, "mgmt_accounts", ""), request(3, ram, "", "mgmt_accounts", "", -1)},
+        {ram, call(rd::name_s, "lan_dhcp", "static", 0),
+         request(6, ram, "", "lan_dhcp", "static", -1)},
         {ram, call(rd::prefix, "qorconfig.mgmt", "accounts"),
-         request(6, ram, "qorconfig.mgmt", "accounts", -1)},
+         request(6, ram, "", "qorconfig.mgmt", "accounts", -1)},
     };
     std::vector<std::string> sent;
     for (const auto &[file, read, bytes] : forms) {
@@ -253,26 +241,15 @@ TEST_F(AttrListTest, DaemonFormsSendTheirRequestAndReturnTheReplyAsItStands) {
         EXPECT_EQ(is_net_cfg(h.get()), 1);
         sent.push_back(bytes);
     }
-    EXPECT_EQ(daemon.stop(), sent);
-}
-
-TEST_F(AttrListTest, ChunkedRepliesAreJoinedAndAnEmptyChunkDropsEverything) {
-    const std::string first = header(2, 0) + rec("ssid", "Lab-Corp", 0);
-    FakeDaemon daemon(std::vector<std::vector<std::string>>{
-        {first + rec("vlan", "10") + kEnd, rec("ssid", "Lab-Guest", 1) + kEnd,
-         header(0, 0) + rec("state", "enable") + kEnd},
-        {first + kEnd, kEnd},
-        // Without the flag a reply is one chunk, whatever follows.
-        {header(0, 0) + rec("ssid", "Lab-Corp", 0) + kEnd, rec("vlan", "10") + kEnd},
-    });
-    ASSERT_TRUE(daemon.ok());
+    // Chunked replies are joined; an empty chunk drops everything.
     for (const Attrs &want : {cat(kFromDaemon, {{"ssid", "Lab-Guest", 1}, {"state", "enable", -1}}),
                               Attrs{}, Attrs{{"ssid", "Lab-Corp", 0}}}) {
         Handle h = open_net();
         EXPECT_EQ(attrs(get_attr_list_by_gid(h.get(), kAccounts, nullptr)), want);
         EXPECT_EQ(is_net_cfg(h.get()), 1);  // an empty reply is not a transport failure
+        sent.push_back(request(2, config_ram, "", "", "", kAccounts));
     }
-    EXPECT_EQ(daemon.stop().size(), 3u);
+    EXPECT_EQ(daemon.stop(), sent);
 }
 
 TEST_F(AttrListTest, FallbacksDependOnTheFormAndTheCode) {
@@ -287,31 +264,19 @@ TEST_F(AttrListTest, FallbacksDependOnTheFormAndTheCode) {
         attrs(get_attr_list_by_gid_direct(open_file(config_ram).get(), kAccounts, nullptr));
     ASSERT_GT(whole.size(), kWalk.size() + 3);
     ASSERT_EQ(Attrs(whole.begin(), whole.begin() + 3), cat(kRoot, {{"extra", "x", -1}}));
-    // The list, and the handle's root element afterwards (null: no tree; "net": still in
-    // network mode).
-    const auto check = [](const Case &c, const char *root) {
-        Handle h = open_net();
-        EXPECT_EQ(attrs(c.read(h.get())), c.want) << c.what;
-        const bool net = std::string(root ? root : "") == "net";
-        EXPECT_EQ(is_net_cfg(h.get()) + get_net_qorcfg(0), net ? 2 : 0) << c.what;
-        if (!net) {
-            EXPECT_STREQ(h->xml ? h->xml->name : nullptr, root) << c.what;
-        }
-    };
-
     // No daemon listens (-10003): the whole configuration, or the group's sub-tree with bit
     // value 2 added, or no tree when that sub-tree is not a group.
-    check({"gid", gid, whole}, "qorconfig");
-    check({"name", name, kOwn}, "qorconfig");
-    check({"prefix: the name reader", prefix, kAdmin}, "qorconfig");
-    check({"gid_s", call(rd::gid_s, kAccounts, "account:1", 0), kOwn}, "accounts");
-    check({"gid_s 0", call(rd::gid_s, 0, nullptr, 0), kRoot}, "qorconfig");
-    check({"name_s", name_s, kWalk}, "accounts");
-    check({"name_s sub: no such group", call(rd::name_s, "mgmt_accounts", "account", 0), {}},
-          nullptr);
-    check({"name_s 0x0", call(rd::name_s, "0x0", nullptr, 0), kRoot}, "qorconfig");
-    check({"prefix_s", prefix_s, kOwn}, "accounts");
-    check({"prefix_s 0", call(rd::prefix_s, "0", nullptr, 0), {}}, "qorconfig");
+    expect_net({"gid", gid, whole}, "qorconfig");
+    expect_net({"name", name, kOwn}, "qorconfig");
+    expect_net({"prefix: the name reader", prefix, kAdmin}, "qorconfig");
+    expect_net({"gid_s", call(rd::gid_s, kAccounts, "account:1", 0), kOwn}, "accounts");
+    expect_net({"gid_s 0", call(rd::gid_s, 0, nullptr, 0), kRoot}, "qorconfig");
+    expect_net({"name_s", name_s, kWalk}, "accounts");
+    // With a sub: no tree, as there is no such group.
+    expect_net({"name_s sub", call(rd::name_s, "mgmt_accounts", "account", 0), {}}, nullptr);
+    expect_net({"name_s 0x0", call(rd::name_s, "0x0", nullptr, 0), kRoot}, "qorconfig");
+    expect_net({"prefix_s", prefix_s, kOwn}, "accounts");
+    expect_net({"prefix_s 0", call(rd::prefix_s, "0", nullptr, 0), {}}, "qorconfig");
 
     // The daemon answers without records: only the group-name form reads the file.
     const std::tuple<int32_t, Case, const char *> answered[] = {
@@ -327,10 +292,10 @@ TEST_F(AttrListTest, FallbacksDependOnTheFormAndTheCode) {
     FakeDaemon daemon(replies);
     ASSERT_TRUE(daemon.ok());
     for (const auto &[code, c, root] : answered)
-        check(c, root);
+        expect_net(c, root);
     // A failed receive is a transport failure (-10005), whatever the daemon sent.
     qorcfg::os::fail_nth(Call::recv, 1, EIO);
-    check({"gid, receive fails", gid, whole}, "qorconfig");
+    expect_net({"gid, receive fails", gid, whole}, "qorconfig");
     // Handles not in network mode read locally at once, with the caller's flags.
     expect_cases(
         open_file(config_ram).get(),

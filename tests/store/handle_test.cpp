@@ -17,8 +17,7 @@ const std::string kRm = std::string("/bin/rm -f ") + config_ram;  // drops the w
 
 // The top element's name and its "name" (or else its "version") attribute, or "(none)".
 std::string label(ezxml_node *root) {
-    const char *name =
-        ezxml_attr(root, "name") ? ezxml_attr(root, "name") : ezxml_attr(root, "version");
+    const char *name = ezxml_attr(root, ezxml_attr(root, "name") ? "name" : "version");
     return root == nullptr ? "(none)" : root->name + std::string(" ") + (name ? name : "");
 }
 // "name#index " of every record; the values must all be null.
@@ -29,10 +28,7 @@ std::string children(qorcfg_attr *list) {
     return out;
 }
 
-class HandleTest : public StoreTest {
-protected:
-    std::string locks() const { return qorcfg::test::locks(sandbox); }
-};
+using HandleTest = StoreTest;
 
 // ---- locks, file kinds, the working copy ------------------------------------------
 
@@ -52,7 +48,7 @@ TEST_F(HandleTest, EveryKindHasItsOwnLockFileUnderWhichItsFileIsRead) {
         sandbox.write(std::string("/var/lock/") + lock, "stale");
         const int fd = lock_qorcfg(kind, LOCK_EX);
         ASSERT_GE(fd, 0) << kind;
-        EXPECT_EQ(locks(), lock + std::string("(ex) "));
+        EXPECT_EQ(locks(sandbox), lock + std::string("(ex) "));
         EXPECT_EQ(sandbox.read(std::string("/var/lock/") + lock), "");  // truncated
 
         // Close-on-exec: a command started under a lock does not keep it.
@@ -64,13 +60,13 @@ TEST_F(HandleTest, EveryKindHasItsOwnLockFileUnderWhichItsFileIsRead) {
             EXPECT_EQ(label(own(init_qorcfg_f_direct(path)).get()),
                       "qorconfig " + std::string(file_read));
         }
-        EXPECT_EQ(locks(), lock + std::string(" ")) << kind;
+        EXPECT_EQ(locks(sandbox), lock + std::string(" ")) << kind;
     }
 
     const int a = lock_qorcfg(2, LOCK_SH), b = lock_qorcfg(2, LOCK_SH);  // shared locks coexist
     EXPECT_EQ(lock_qorcfg(2, LOCK_EX | LOCK_NB), -10);
     const int other = lock_qorcfg(1, LOCK_EX | LOCK_NB);  // kinds are independent
-    EXPECT_EQ(locks(), "default_lock qorcfg_ram(ex) qorcfg_rom(sh) ");
+    EXPECT_EQ(locks(sandbox), "default_lock qorcfg_ram(ex) qorcfg_rom(sh) ");
     EXPECT_EQ(unlock_qorcfg(other) + unlock_qorcfg(a) + unlock_qorcfg(b), 0);
     sandbox.remove("/var/lock");  // no directory for the lock file
     EXPECT_EQ(lock_qorcfg(6, LOCK_EX), -7);
@@ -93,30 +89,27 @@ TEST_F(HandleTest, MissingWorkingCopyIsCopiedFromFlashOrTheDeviceIsReset) {
     }
     EXPECT_EQ(label(own(init_qorcfg_direct()).get()), "qorconfig 7");
     EXPECT_EQ(sandbox.read(config_ram), flash);
-    EXPECT_EQ(locks(), "qorcfg_ram qorcfg_rom ");
+    EXPECT_EQ(locks(sandbox), "qorcfg_ram qorcfg_rom ");
     sandbox.write(config_rom, config_doc("changed-flash"));  // an existing copy is used
     EXPECT_EQ(label(own(init_qorcfg_direct()).get()), "qorconfig 7");
 
     // A flash copy without "<qorconfig" in its first line resets the device, whichever opener
     // of the working copy finds it missing.
     const std::string factory = "<qorconfig version=\"factory\" devtype=\"AP\"></qorconfig>\n";
-    const std::function<bool()> openers[] = {
-        [] { return own(init_qorcfg_direct()) != nullptr; },
-        [] { return own(init_qorcfg()) != nullptr; },
-        [] { return own(init_sub_qorcfg_direct("sys_device", 0, nullptr)) != nullptr; }};
-    const std::tuple<std::string, bool, int> cases[] = {
-        {"   " + config_doc("flash"), true, 1},
-        {"<?xml version=\"1.0\"?>\n" + config_doc("flash"), false, 0},
-
-        {"", false, 2},
+    const std::tuple<std::string, bool, std::function<bool()>> cases[] = {
+        {"   " + config_doc("flash"), true, [] { return own(init_qorcfg()) != nullptr; }},
+        {"<?xml version=\"1.0\"?>\n" + config_doc("flash"), false,
+         [] { return own(init_qorcfg_direct()) != nullptr; }},
+        {"", false,
+         [] { return own(init_sub_qorcfg_direct("sys_device", 0, nullptr)) != nullptr; }},
     };
-    for (const auto &[text, usable, opener] : cases) {
+    for (const auto &[text, usable, opens] : cases) {
         set_all_net_qorcfg_mode(0);
         sandbox.remove(config_ram);
         sandbox.write(config_rom, text);
         sandbox.write("/etc/default-config.xml", factory);
         sandbox.runner().clear();
-        EXPECT_EQ(stderr_of([&, o = opener, u = usable] { EXPECT_EQ(openers[o](), u) << o; }),
+        EXPECT_EQ(stderr_of([o = &opens, u = usable, t = &text] { EXPECT_EQ((*o)(), u) << *t; }),
                   usable ? "" : "No config in flash, reset to default\n");
         EXPECT_EQ(sandbox.read(config_rom), usable ? text : factory);
         EXPECT_EQ(sandbox.commands(), std::vector<std::string>(usable ? 0 : 1, kRm));
@@ -133,7 +126,7 @@ TEST_F(HandleTest, OpeningFollowsNetworkModesAndSharedSlots) {
                             init_sub_qorcfg("sys_device", 0, config_ram)};
     for (qorcfg_handle *h : net)
         ASSERT_EQ(is_net_cfg(h), 1);
-    EXPECT_EQ(locks(), "");  // no file is touched
+    EXPECT_EQ(locks(sandbox), "");  // no file is touched
     EXPECT_STREQ(net[1]->net->path, config_ram);
     EXPECT_STREQ(net[2]->net->path, current_config);
 
@@ -181,8 +174,7 @@ TEST_F(HandleTest, OpeningFollowsNetworkModesAndSharedSlots) {
     for (qorcfg_handle *h : {net_ram, ram, init_qorcfg(), current, init_qorcfg_f(current_config)})
         EXPECT_EQ(close_qorcfg(h), 0);
     EXPECT_EQ(label(ram->xml) + label(current->xml), "qorconfig ramqorconfig current");
-    set_shared_qorcfg(nullptr, 0);
-    set_shared_qorcfg(nullptr, 1);
+    EXPECT_EQ(set_shared_qorcfg(nullptr, 0) + set_shared_qorcfg(nullptr, 1), 0);
     EXPECT_EQ(close_qorcfg(ram) + close_qorcfg(current), 0);  // no longer registered: freed
     qorcfg::os::fail_nth(Call::alloc, 1, ENOMEM);
     EXPECT_EQ(init_qorcfg(), nullptr);
@@ -269,32 +261,30 @@ TEST_F(HandleTest, OneGroupIsOpenedByNamePathOrId) {
 // ---- children --------------------------------------------------------------------------
 
 TEST_F(HandleTest, ChildrenAreListedByNameGroups) {
-    sandbox.write("/tmp/doc.xml", "<qorconfig><a><b/><c/><b><x/></b></a><d/></qorconfig>");
-    Tree root = own(init_qorcfg_f_direct("/tmp/doc.xml"));
-    qorcfg_handle cell{ezxml_child(root.get(), "d")};
+    const Parsed root("<qorconfig><a><b/><c/><b><x/></b></a><d/></qorconfig>");
+    qorcfg_handle cell{ezxml_child(root.root(), "d")};
     EXPECT_EQ(qorcfg_list_all_child(&cell), nullptr);
-    cell.xml = ezxml_child(root.get(), "a");
+    cell.xml = ezxml_child(root.root(), "a");
     qorcfg_attr *list = nullptr;
     EXPECT_GE(sweep_allocations([&] { return (list = qorcfg_list_all_child(&cell)) != nullptr; }),
               1u);
     EXPECT_EQ(children(list), "b#0 b#1 c#-1 ");
-    cell.xml = root.get();  // the document element itself stays
+    cell.xml = root.root();  // the document element itself stays
     EXPECT_EQ(children(list_child_by_path(&cell, "qorconfig")), "a#-1 d#-1 ");
 
     // By group path, name or ID: the element found is then taken out of the document and
     // freed.
-    sandbox.write("/tmp/doc.xml", config_doc("x"));
     for (int form = 0; form < 3; ++form) {
-        Tree doc = own(init_qorcfg_f_direct("/tmp/doc.xml"));
-        cell.xml = doc.get();
+        const Parsed doc(config_doc("x"));
+        cell.xml = doc.root();
         qorcfg_attr *found = form == 0   ? list_child_by_path(&cell, "qorconfig.mgmt.accounts")
                              : form == 1 ? list_child_by_str(&cell, "mgmt_accounts")
                                          : list_child_by_gid(&cell, kAccounts);
         EXPECT_EQ(children(found), "account#0 account#1 session#-1 ");
-        EXPECT_EQ(ezxml_child(doc.get(), "mgmt")->child, nullptr);
+        EXPECT_EQ(ezxml_child(doc.root(), "mgmt")->child, nullptr);
     }
-    Tree doc = own(init_qorcfg_f_direct("/tmp/doc.xml"));
-    cell.xml = doc.get();
+    const Parsed doc(config_doc("x"));
+    cell.xml = doc.root();
     EXPECT_EQ(stderr_of([&] {
                   for (qorcfg_attr *none :
                        {list_child_by_path(&cell, "qorconfig.mgmt.nope"),
@@ -305,8 +295,7 @@ TEST_F(HandleTest, ChildrenAreListedByNameGroups) {
               }),
               "ERROR: Fail to find item.\nlist_child_by_str>Can't find group name=no_such\n"
               "list_child_by_gid>Can't find group ID=-268435456\n");
-    EXPECT_EQ(xml_of(doc.get()),
-              xml_of(own(init_qorcfg_f_direct("/tmp/doc.xml")).get()));  // nothing spent
+    EXPECT_EQ(xml_of(doc.root()), xml_of(Parsed(config_doc("x")).root()));  // nothing spent
 }
 
 // ---- factory reset ---------------------------------------------------------------------
@@ -323,7 +312,7 @@ TEST_F(HandleTest, ResetCopiesTheFactorySourceDropsTheWorkingCopySignalsDaemonsO
         for (const auto &s : sandbox.runner().signals())
             signalled += std::to_string(s.pid) + (s.sig == SIGUSR2 ? " " : "(other signal) ");
         EXPECT_EQ(signalled, pids) << what;
-        EXPECT_EQ(locks().find('('), std::string::npos) << what;
+        EXPECT_EQ(locks(sandbox).find('('), std::string::npos) << what;
     };
     const std::string backup = "<qorconfig version=\"backup\">\n" + std::string(700, 'b') +
                                "\n\n</qorconfig>";  // long line, no final newline

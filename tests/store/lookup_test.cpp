@@ -6,7 +6,6 @@
 // up or are sent requests that do not fit.
 #include <arpa/inet.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <csignal>
 #include <span>
@@ -79,13 +78,15 @@ std::vector<std::string> expect_rows(const std::vector<Row> &rows) {
     std::vector<std::string> sent;
     for (size_t i = 0; i < rows.size(); ++i) {
         EXPECT_EQ(run(rows[i]), rows[i].want) << "row " << i << " " << rows[i].form;
-        sent.push_back(rows[i].sent);
+        if (!rows[i].sent.empty())
+            sent.push_back(rows[i].sent);
     }
     return sent;
 }
 const auto ok = [](const char *value) { return Read{0, value, ""}; };
 const auto err = [](int rc, const std::string &text = "") { return Read{rc, "", text}; };
-const Read kJunk{-1, "junk", ""};  // -1, the buffer as the caller left it
+// The buffer as the caller left it.
+const auto kept = [](int rc, const std::string &text = "") { return Read{rc, "junk", text}; };
 // The core read's -1 for a missing node and -4 for a missing item, with their messages.
 const auto core = [](int rc, const std::string &what) {
     return err(rc,
@@ -141,23 +142,19 @@ TEST_F(LookupTest, EveryFormReportsItsResultValueAndMessage) {
         {"GS", dv, kAccounts, nullptr, "name", ok("AP-Lab-01")},
         {"GS", ac, kAccounts, nullptr, "account.user",
          err(-4, "get_cfg_item_s>Can't find the gid=403177472 item_name=account.user\n")},
-        {"SS",
-         dv,
-         0,
-         "sys_device",
-         "nope",
-         {-4, "junk", "get_cfg_item_by_str_s>Can't find the item_name=sys_device.nope\n"}},
+        {"SS", dv, 0, "sys_device", "nope",
+         kept(-4, "get_cfg_item_by_str_s>Can't find the item_name=sys_device.nope\n")},
         {"PG", ac, 0, "x", "account:1.user", ok("operator")},
         {"PS", ac, 0, "x", "account:1.nope", core(-4, "accounts.account:1.nope")},
         // No handle, or one without a tree; only some forms clear the buffer first.
         {"G", nullptr, kSysDevice, nullptr, "name", err(-1)},
-        {"S", nullptr, 0, "sys_device", "name", kJunk},
+        {"S", nullptr, 0, "sys_device", "name", kept(-1)},
         {"GS", nullptr, kSysDevice, nullptr, "name", err(-1)},
-        {"SS", nullptr, 0, "sys_device", "name", kJunk},
-        {"PG", nullptr, 0, "x", "name", kJunk},
+        {"SS", nullptr, 0, "sys_device", "name", kept(-1)},
+        {"PG", nullptr, 0, "x", "name", kept(-1)},
         {"G", no, kSysDevice, nullptr, "name", err(-1)},
-        {"SS", no, 0, "sys_device", "name", kJunk},
-        {"PS", no, 0, "x", "name", kJunk},
+        {"SS", no, 0, "sys_device", "name", kept(-1)},
+        {"PS", no, 0, "x", "name", kept(-1)},
     });
     qorcfg::os::fail_nth(Call::alloc, 1, ENOMEM);
     EXPECT_EQ(run({"P", W, 0, "qorconfig", "version"}),
@@ -178,14 +175,9 @@ TEST_F(LookupTest, ItemsByPathComeFromTheWorkingCopyAndItemListsAreFilled) {
     const auto all = [&] { return (list = get_item_by_path(nullptr, "qorconfig.mgmt.accounts")); };
     EXPECT_GE(sweep_allocations([&] { return stderr_of(all), list != nullptr; }, false), 1u);
     EXPECT_EQ(attrs(list), (Attrs{{"max", "8", -1}, {"cur_num", "2", -1}}));
-    set_all_net_qorcfg_mode(0);
-    sandbox.remove(config_ram);  // and there is no flash copy
-    EXPECT_EQ(stderr_of([] { EXPECT_EQ(get_item_by_path("name", "qorconfig.system"), nullptr); }),
-              "ERROR: Fail to init configuration file.\n");
 
     // Item lists are filled node by node, into each node's own buffer, up to the first failure.
-    sandbox.write(config_ram, kConfig);
-    Handle h = open_file(config_ram);
+    Handle h = open_file(config_ram);  // both network modes 0 from here on
     EXPECT_EQ(get_cfg_items(nullptr, nullptr), -1);
     qorcfg_item *items = append_cfg_item(nullptr, kAccounts, "max", "before");
     items = append_cfg_item(items, kAccounts, "nope", "before");
@@ -201,6 +193,10 @@ TEST_F(LookupTest, ItemsByPathComeFromTheWorkingCopyAndItemListsAreFilled) {
     EXPECT_EQ(get_cfg_items(h.get(), items), 0);
     EXPECT_EQ(values(), kLong.substr(0, 255) + "|2|8");
     free_item_list(items);
+
+    sandbox.remove(config_ram);  // and there is no flash copy
+    EXPECT_EQ(stderr_of([] { EXPECT_EQ(get_item_by_path("name", "qorconfig.system"), nullptr); }),
+              "ERROR: Fail to init configuration file.\n");
 }
 
 // ---- item metadata ("name|&|type|&|rule|&|description") -------------------------------
@@ -211,6 +207,7 @@ TEST_F(LookupTest, MetadataFieldsAndRulesOfItemsInGroups) {
                   "<defs a=\"A|b&amp;c|&amp;|int|&amp;|1~10|&amp;|Desc A\" "
                   "b=\"B|&amp;|string|&amp;||&amp;|Desc B|&amp;|extra\" c=\"C|&amp;|int \"/>");
     Handle holder = open_file("/tmp/defs.xml");
+    qorcfg_handle *hd = holder.get();
     // Name, type, rule and description.
     const std::pair<const char *, const char *> fields[] = {
         {"a", "A|b&c, 0, 1~10, Desc A"},
@@ -218,13 +215,11 @@ TEST_F(LookupTest, MetadataFieldsAndRulesOfItemsInGroups) {
         {"c", "C, -1, (none), (none)"},
         {"missing", "(none), -1, (none), (none)"},
     };
-    for (const auto &[attr, want] : fields) {
-        qorcfg_handle *h = holder.get();
-        EXPECT_EQ(take(get_cfg_item_name(h, attr)) + ", " +
-                      std::to_string(get_cfg_item_type(h, attr)) + ", " +
-                      take(get_cfg_item_rule(h, attr)) + ", " + take(get_cfg_item_desc(h, attr)),
+    for (const auto &[attr, want] : fields)
+        EXPECT_EQ(take(get_cfg_item_name(hd, attr)) + ", " +
+                      std::to_string(get_cfg_item_type(hd, attr)) + ", " +
+                      take(get_cfg_item_rule(hd, attr)) + ", " + take(get_cfg_item_desc(hd, attr)),
                   want);
-    }
     std::string types;  // by code, to the table's end: -1 without a name
     for (const qorcfg_type_entry &t : std::span(cli_cfg_type_list, 10))
         types += std::to_string(t.code) + (t.name != nullptr ? t.name : "") + ",";
@@ -303,14 +298,18 @@ TEST_F(LookupTest, WithoutDaemonNetworkHandlesFallBackToTheFile) {
     EXPECT_EQ(test_daemon_work(open_file(config_ram).get(), kSysDevice, "name", nullptr), -1);
 }
 
-TEST_F(LookupTest, DaemonRequestsCarryEveryFieldAtItsOffsetAndItsAnswersAreFinal) {
+TEST_F(LookupTest, DaemonRequestsAndRepliesAreExactAndTransportFailuresAreCodes) {
     FakeDaemon daemon(
-        {header(0, -4) + kEnd, kFound, kFound, kFound, kFound, kFound, header(0, 0) + kEnd});
+        {header(0, -4) + kEnd, kFound, kFound, kFound, kFound, kFound, header(0, 0) + kEnd,
+         header(0, -4) + kEnd,
+         header(0, 0) + text_record(3, "ssid") + text_record(4, "abc") + index_record(2) + kEnd,
+         header(0, -4) + kEnd});
     ASSERT_TRUE(daemon.ok());
     Handle net = open_net(), current = open_net(current_config);
     qorcfg_handle *n = net.get(), *c = current.get();
     const Read found = ok("from-daemon");
-    const std::vector<std::string> sent = expect_rows({
+    const std::string long_item(200, 'x');
+    std::vector<std::string> sent = expect_rows({
         // The file has this item, yet the daemon's "not found" is the answer.
         {"G", n, kSysDevice, nullptr, "name", err(-4), req(2, "name", "", "", kSysDevice)},
         {"S", c, 0, "rf1_vap2", "ssid", found,
@@ -323,17 +322,17 @@ TEST_F(LookupTest, DaemonRequestsCarryEveryFieldAtItsOffsetAndItsAnswersAreFinal
          req(5, "max", "qorconfig", "mgmt.accounts", kAccounts)},
         // Success without a record leaves the buffer as the caller set it.
         {"Q", nullptr, kSysDevice, nullptr, "name", ok("junk"), req(2, "name", "", "", kSysDevice)},
+        // Name requests carry the gid -1 whatever negative value is passed.
+        {"A", nullptr, uint32_t(-5), "a.b", "item", kept(-4),
+         req(6, "item", "qorconfig", "a.b", -1)},
+        // An item name longer than its field is not sent cut.
+        {"Q", nullptr, kSysDevice, nullptr, long_item.c_str(), kept(-10001)},
     });
     EXPECT_EQ(is_net_cfg(n) + is_net_cfg(c) + get_net_qorcfg(0), 3);
-    EXPECT_EQ(daemon.stop(), sent);
-}
+    EXPECT_EQ(run({"G", n, kSysDevice, nullptr, long_item.c_str()}).rc, -4);  // read from the file
 
-TEST_F(LookupTest, DaemonRepliesDecodeIntoRecordsAndTransportFailuresAreCodes) {
-    FakeDaemon daemon(
-        {header(0, 0) + text_record(3, "ssid") + text_record(4, "abc") + index_record(2) + kEnd,
-         header(0, -4) + kEnd});
-    ASSERT_TRUE(daemon.ok());
-    qorcfg_daemon_request rq{};  // the record as a caller fills it
+    // A request record as a caller fills it; the reply decodes into records.
+    qorcfg_daemon_request rq{};
     std::strcpy(rq.file, "/tmp/config.xml");
     rq.marker[0] = '_';
     rq.code = htonl(2);
@@ -344,29 +343,26 @@ TEST_F(LookupTest, DaemonRepliesDecodeIntoRecordsAndTransportFailuresAreCodes) {
     EXPECT_EQ(attrs(list), (Attrs{{"ssid", "abc", 2}}));
     EXPECT_EQ(get_attr_from_daemon(rq, &list), -4);
     EXPECT_EQ(list, nullptr);
-    EXPECT_EQ(daemon.stop(), std::vector<std::string>(
-                                 2, request(2, "/tmp/config.xml", "ssid", "", "", 0x20884000)));
+    sent.insert(sent.end(), 2, request(2, "/tmp/config.xml", "ssid", "", "", 0x20884000));
+    EXPECT_EQ(daemon.stop(), sent);
 
+    // Transport failures are codes.
     FakeDaemon answering(std::vector<std::string>(8, kFound));
     for (const auto &[call, rc] : {std::pair{Call::socket, -10002},
                                    {Call::connect, -10003},
                                    {Call::send, -10004},
                                    {Call::recv, -10005}}) {
         qorcfg::os::fail_nth(call, 1, EIO);
-        EXPECT_EQ(run({"Q", nullptr, kSysDevice, nullptr, "name"}), (Read{rc, "junk", ""}));
+        EXPECT_EQ(run({"Q", nullptr, kSysDevice, nullptr, "name"}), kept(rc));
     }
 }
 
-// Regressions: a daemon that hangs up gave the caller SIGPIPE (the query now
-// sends with MSG_NOSIGNAL); name requests carry the gid -1 whatever negative
-// value is passed; an item name longer than its field is not sent cut.
-TEST_F(LookupTest, MisbehavingDaemonsAndOverlongRequests) {
+// Regression: a daemon that hangs up gave the caller SIGPIPE (the query now
+// sends with MSG_NOSIGNAL).
+TEST_F(LookupTest, ADaemonThatHangsUpDoesNotKillTheCaller) {
     std::signal(SIGPIPE, SIG_DFL);  // as in a program that does not ignore it
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr{AF_UNIX, {}};
-    std::strncpy(addr.sun_path, qorcfg::os::daemon_socket_path().c_str(), sizeof addr.sun_path - 1);
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    ASSERT_EQ(::listen(fd, 8), 0);
+    const int fd = bind_daemon_socket(true);
+    ASSERT_GE(fd, 0);
     std::thread server([fd] {
         for (int c; (c = ::accept(fd, nullptr, nullptr)) >= 0;)
             ::close(c);  // hangs up without reading
@@ -380,16 +376,6 @@ TEST_F(LookupTest, MisbehavingDaemonsAndOverlongRequests) {
     ::shutdown(fd, SHUT_RDWR);
     ::close(fd);
     server.join();
-
-    FakeDaemon daemon({header(0, -4) + kEnd});
-    ASSERT_TRUE(daemon.ok());
-    EXPECT_EQ(run({"A", nullptr, uint32_t(-5), "a.b", "item"}).rc, -4);
-    const std::string long_item(200, 'x');
-    EXPECT_EQ(run({"Q", nullptr, kSysDevice, nullptr, long_item.c_str()}).rc, -10001);
-    net = open_net();
-    EXPECT_EQ(run({"G", net.get(), kSysDevice, nullptr, long_item.c_str()}).rc,
-              -4);  // the lookup reads the file
-    EXPECT_EQ(daemon.stop(), std::vector<std::string>{req(6, "item", "qorconfig", "a.b", -1)});
 }
 
 }  // namespace
