@@ -7,6 +7,7 @@
 // hand-over here is also a leak and double-free check.
 #include <algorithm>
 #include <thread>
+#include <utility>
 
 #include "tests/support/fixtures.h"
 
@@ -33,7 +34,7 @@ std::string orders(const ezxml_node *parent) {
     return out;
 }
 
-TEST(XmlEdit, NewDocumentsAndChildrenPlacedByOffsetInBothOrders) {
+TEST(XmlEdit, NewDocumentsAndChildrenPlacedByOffsetAndCutInBothOrders) {
     static const char name[] = "r";
     ezxml_node *r = ezxml_new(name);
     ezxml_root *doc = reinterpret_cast<ezxml_root *>(r);
@@ -50,15 +51,12 @@ TEST(XmlEdit, NewDocumentsAndChildrenPlacedByOffsetInBothOrders) {
     ezxml_add_child(r, "a", 3);  // before b in both orders
     ezxml_add_child(r, "b", 3);  // after that a (equal offset); first of its group
     ezxml_add_child(r, "a", 5);  // after the first b; last of its group
+    ezxml_add_child(r, "b", 5);  // after that a; last of its group
     ezxml_add_child(r, "c", 0);  // a new first child
-    // Groups in the order of their first member's offset.
-    EXPECT_EQ(orders(r), "c a b b a | c0 ; a1 a4 ; b2 b3");
-    EXPECT_EQ(xml_of(r), "<r><c></c>012<a></a><b></b>34<b></b><a></a>56789</r>");
-    // Equal offsets under one parent keep the order of the calls.
-    ezxml_node *x = ezxml_add_child(r, "x", 10);
-    for (const char *n : {"d", "d", "e"})
-        ezxml_add_child(x, n, 0);
-    EXPECT_EQ(orders(x), "d d e | d0 d1 ; e2");
+    // Groups in the order of their first member's offset; equal offsets keep
+    // the order of the calls.
+    EXPECT_EQ(orders(r), "c a b b a b | c0 ; a1 a4 ; b2 b3 b5");
+    EXPECT_EQ(xml_of(r), "<r><c></c>012<a></a><b></b>34<b></b><a></a><b></b>56789</r>");
 
     // A cut subtree is linked under another parent at its offset, and
     // outlives the records of its source document.
@@ -74,6 +72,31 @@ TEST(XmlEdit, NewDocumentsAndChildrenPlacedByOffsetInBothOrders) {
     EXPECT_EQ(xml_of(t), "<t>a<x></x>b<m k=\"v\"><n>deep</n></m>c<x></x>d</t>");
     ezxml_free(t);  // m and its subtree now belong to t
     ezxml_free(r);
+
+    // Cutting unlinks from both orders. Groups stay in the order of their
+    // first members: cutting a group's first member moves the group to its
+    // next member's place.
+    const std::tuple<const char *, int, const char *, const char *> cases[] = {
+        {"a", 1, "a b c b | a0 ; b1 b3 ; c2", "<r>0<a></a>1<b></b>23<c></c>4<b></b>5</r>"},
+        {"b", 0, "a a c b | a0 a1 ; c2 ; b3", "<r>0<a></a>12<a></a>3<c></c>4<b></b>5</r>"},
+        {"c", 0, "a b a b | a0 a2 ; b1 b3", "<r>0<a></a>1<b></b>2<a></a>34<b></b>5</r>"},
+        // The first child, whose name group goes on after it.
+        {"a", 0, "b a c b | b0 b3 ; a1 ; c2", "<r>01<b></b>2<a></a>3<c></c>4<b></b>5</r>"},
+    };
+    for (const auto &[group, idx, order, xml] : cases) {
+        Parsed p("<r>0<a/>1<b/>2<a/>3<c/>4<b/>5</r>");
+        ezxml_node *node = ezxml_idx(ezxml_child(p.root(), group), idx);
+        // Out of the document order; its parent is kept.
+        EXPECT_TRUE(ezxml_cut(node) == node && node->ordered == nullptr &&
+                    node->parent == p.root());
+        EXPECT_EQ(orders(p.root()), order);
+        EXPECT_EQ(xml_of(p.root()), xml);
+        ezxml_free(node);  // only the node: its document-order successors stay in r
+    }
+    // Freeing a child frees its document-order successors with it.
+    Parsed p("<r><a><x/></a><b k=\"&lt;\"/>text<c>t</c></r>");
+    ezxml_free(std::exchange(p.root()->child, nullptr));
+    EXPECT_EQ(xml_of(p.root()), "<r>text</r>");
 }
 
 TEST(XmlEdit, TextsAndAttributesWithTheirOwnership) {
@@ -96,7 +119,7 @@ TEST(XmlEdit, TextsAndAttributesWithTheirOwnership) {
     // none, 0x80 name, 0xC0 name and value.
     ezxml_node *n = ezxml_new("n");
     const std::tuple<bool, const char *, const char *, const char *> steps[] = {
-        {false, "gone", nullptr, nullptr},  // removing an absent attribute changes nothing
+        {false, "gone", nullptr, "NIL"},  // removing an absent attribute changes nothing
         {false, "k", "v", "k=v;| "},
         {false, "k", "lit", "k=lit;| "},
         {false, "k", nullptr, "|"},
@@ -112,11 +135,10 @@ TEST(XmlEdit, TextsAndAttributesWithTheirOwnership) {
         ezxml_set_flag(n, copy ? EZXML_COPY : 0);
         const char *v = copy && value != nullptr ? strdup(value) : value;
         EXPECT_TRUE(ezxml_set_attr(n, copy ? strdup(name) : name, v) == n && n->flags == 0);
-        const std::string a = attributes(n);  // one '=' per attribute
-        const std::string got =
-            n->attr == EZXML_NIL ? "NIL"
-                                 : a + "|" + n->attr[2 * std::count(a.begin(), a.end(), '=') + 1];
-        EXPECT_EQ(got, want == nullptr ? "NIL" : want) << name << "=" << (value ? value : "-");
+        const std::string a = attributes(n);
+        const auto count = std::count(a.begin(), a.end(), '=');  // one per attribute
+        EXPECT_EQ(n->attr == EZXML_NIL ? "NIL" : a + "|" + n->attr[2 * count + 1], want)
+            << name << "=" << (value ? value : "-");
     }
     // A parsed value that decoding moved out of the buffer is owned too.
     Parsed moved("<p v=\"&lt;&gt;\"/>");
@@ -128,39 +150,9 @@ TEST(XmlEdit, TextsAndAttributesWithTheirOwnership) {
     ezxml_set_flag(c, EZXML_COPY), ezxml_set_attr(c, strdup("x"), strdup("y"));
     ezxml_set_flag(ezxml_set_txt(c, strdup("text")), EZXML_TXT_OWNED);
     EXPECT_EQ(xml_of(n), "<n b=\"2\"><child x=\"y\">text</child></n>");
-    char **list = n->attr;
-    n->attr = EZXML_NIL;
-    ezxml_free_attr(list);
+    ezxml_free_attr(std::exchange(n->attr, EZXML_NIL));
     ezxml_free_attr(EZXML_NIL), ezxml_free_attr(nullptr), ezxml_free(nullptr);  // left alone
     ezxml_free(n);
-}
-
-TEST(XmlEdit, CutUnlinksFromBothOrdersAndFreeTakesTheSuccessors) {
-    // Groups stay in the order of their first members: cutting a group's
-    // first member moves the group to its next member's place.
-    const std::tuple<const char *, int, const char *, const char *> cases[] = {
-        {"a", 1, "a b c b | a0 ; b1 b3 ; c2", "<r>0<a></a>1<b></b>23<c></c>4<b></b>5</r>"},
-        {"b", 0, "a a c b | a0 a1 ; c2 ; b3", "<r>0<a></a>12<a></a>3<c></c>4<b></b>5</r>"},
-        {"c", 0, "a b a b | a0 a2 ; b1 b3", "<r>0<a></a>1<b></b>2<a></a>34<b></b>5</r>"},
-        // The first child, whose name group goes on after it.
-        {"a", 0, "b a c b | b0 b3 ; a1 ; c2", "<r>01<b></b>2<a></a>3<c></c>4<b></b>5</r>"},
-    };
-    for (const auto &[name, idx, order, xml] : cases) {
-        Parsed p("<r>0<a/>1<b/>2<a/>3<c/>4<b/>5</r>");
-        ezxml_node *node = ezxml_idx(ezxml_child(p.root(), name), idx);
-        // Out of the document order; its parent is kept.
-        EXPECT_TRUE(ezxml_cut(node) == node && node->ordered == nullptr &&
-                    node->parent == p.root());
-        EXPECT_EQ(orders(p.root()), order);
-        EXPECT_EQ(xml_of(p.root()), xml);
-        ezxml_free(node);  // only the node: its document-order successors stay in r
-    }
-    // Freeing a child frees its document-order successors with it.
-    Parsed p("<r><a><x/></a><b k=\"&lt;\"/>text<c>t</c></r>");
-    ezxml_node *first = p.root()->child;
-    p.root()->child = nullptr;
-    ezxml_free(first);
-    EXPECT_EQ(xml_of(p.root()), "<r>text</r>");
 }
 
 // Parsed element records are freed one by one, whatever document they end up
@@ -203,9 +195,8 @@ TEST(XmlEdit, ElementRecordsAreFreedOneByOneInAnyOrder) {
         for (int round = 0; round < 50; ++round) {
             Parsed doc(list_of(200 + t));
             EXPECT_NE(ezxml_attr(ezxml_idx(ezxml_child(doc.root(), "e"), 199 + t), "v"), nullptr);
-            ezxml_node *other = ezxml_new("o");
-            ezxml_insert(ezxml_cut(ezxml_child(doc.root(), "e")), other, 0);
-            ezxml_free(other);
+            const Tree other = own(ezxml_new("o"));
+            ezxml_insert(ezxml_cut(ezxml_child(doc.root(), "e")), other.get(), 0);
         }
     };
     std::thread t0(work, 0), t1(work, 1), t2(work, 2), t3(work, 3);
@@ -223,12 +214,11 @@ std::string tree(const ezxml_node *n) {
 
 TEST(XmlWrite, EscapesDefaultsInstructionsAndRoundTrips) {
     const char *raw = "q\"\n\t&<>\r'\xC3\xA9\x01\x7F";
-    ezxml_node *r = ezxml_set_txt(ezxml_set_attr(ezxml_new("r"), "a", raw), raw);
-    ezxml_add_child(r, "b", 3);
-    EXPECT_EQ(xml_of(r),
+    const Tree r = own(ezxml_set_txt(ezxml_set_attr(ezxml_new("r"), "a", raw), raw));
+    ezxml_add_child(r.get(), "b", 3);
+    EXPECT_EQ(xml_of(r.get()),
               "<r a=\"q&quot;&#xA;&#x9;&amp;&lt;&gt;&#xD;'\xC3\xA9\x01\x7F\">"
               "q\"\n<b></b>\t&amp;&lt;&gt;&#xD;'\xC3\xA9\x01\x7F</r>");
-    ezxml_free(r);
     // No element: an allocated empty text.
     EXPECT_TRUE(xml_of(nullptr).empty() && xml_of(Parsed("just text").root()).empty());
     // A name given twice is written once, with the value ezxml_attr gives.
