@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
-#include <regex>
 #include <thread>
 
 #include "tests/support/fixtures.h"
@@ -79,12 +78,12 @@ bool queued_behind_us(const Sandbox &sandbox, pid_t pid) {
     if (::stat(sandbox.path("/var/lock/qorcfg_ram").c_str(), &st) != 0)
         return false;
     const auto listed = [&st](pid_t holder, const std::string &queued) {
-        const std::regex entry("^[0-9]+: " + queued + "FLOCK +\\w+ +\\w+ +" +
-                               std::to_string(holder) +
-                               " +[0-9a-f]+:[0-9a-f]+:" + std::to_string(st.st_ino) + " ");
+        const std::string entry("^[0-9]+: " + queued + "FLOCK +[[:alnum:]_]+ +[[:alnum:]_]+ +" +
+                                std::to_string(holder) +
+                                " +[0-9a-f]+:[0-9a-f]+:" + std::to_string(st.st_ino) + " ");
         std::ifstream table("/proc/locks");
         for (std::string line; std::getline(table, line);)
-            if (std::regex_search(line, entry))
+            if (qorcfg::test::matches_ere(entry, line))
                 return true;
         return false;
     };

@@ -1,6 +1,8 @@
 // tests/support/fixtures.cpp - shared fixtures and the allocation fault sweep.
 #include "tests/support/fixtures.h"
 
+#include <regex.h>
+
 #include <filesystem>
 #include <ostream>
 #include <set>
@@ -158,6 +160,15 @@ unsigned sweep_allocations(const std::function<bool()> &attempt, bool strict) {
             break;
     }
     return n - 1;
+}
+
+bool matches_ere(const std::string &ere, const std::string &text) {
+    regex_t re;
+    if (::regcomp(&re, ere.c_str(), REG_EXTENDED | REG_NOSUB) != 0)
+        return false;
+    const bool found = ::regexec(&re, text.c_str(), 0, nullptr, 0) == 0;
+    ::regfree(&re);
+    return found;
 }
 
 }  // namespace qorcfg::test

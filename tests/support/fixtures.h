@@ -136,4 +136,8 @@ protected:
 // number of runs before the last.
 unsigned sweep_allocations(const std::function<bool()> &attempt, bool strict = true);
 
+// Whether the POSIX extended regular expression `ere` matches in `text`
+// (regcomp: <regex> draws warnings from some compilers' sanitized builds).
+bool matches_ere(const std::string &ere, const std::string &text);
+
 }  // namespace qorcfg::test
