@@ -30,11 +30,8 @@ uint32_t number_of(const char *line) {
 
 // 1 when the first line of `path` reads 1, else 0 (also without the file).
 int first_line_is_one(const char *path) {
-    os::File f(os::fopen(path, "r"));
-    char line[kLine] = "";
-    if (!f || std::fgets(line, sizeof line, f.get()) == nullptr)
-        return 0;
-    return number_of(line) == 1 ? 1 : 0;
+    long number = 0;
+    return store::first_line_number(path, number) && number == 1 ? 1 : 0;
 }
 
 bool contains(const char *text, const char *part) {

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -222,16 +223,19 @@ ezxml_node *tree_of(qorcfg_handle *handle) {
     return is_net(handle) ? nullptr : handle->xml;
 }
 
-void signal_daemon(const char *pid_file) {
-    os::File f(os::fopen(pid_file, "r"));
-    if (!f)
-        return;
+bool first_line_number(const char *path, long &number) {
+    os::File f(os::fopen(path, "r"));
     char line[kLine] = "";
-    if (std::fgets(line, sizeof line, f.get()) == nullptr)
-        line[0] = '\0';
-    int pid = std::atoi(line);
-    if (pid >= 2)
-        os::kill(pid, SIGUSR2);
+    if (!f || std::fgets(line, sizeof line, f.get()) == nullptr)
+        return false;
+    number = std::strtol(line, nullptr, 10);
+    return true;
+}
+
+void signal_daemon(const char *pid_file) {
+    long pid = 0;
+    if (first_line_number(pid_file, pid) && pid >= 2 && pid <= INT_MAX)
+        os::kill(static_cast<pid_t>(pid), SIGUSR2);
 }
 
 void signal_daemons() {

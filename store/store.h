@@ -132,6 +132,11 @@ Answer ask_daemon_first(qorcfg_handle *handle, const Fallback &fallback, Ask ask
     return answer;
 }
 
+// The decimal number the first line of `path` starts with (one 256-byte
+// line read, anything after the number ignored); 0 for a line without
+// one. False when the file cannot be opened or is empty.
+bool first_line_number(const char *path, long &number);
+
 // Sends SIGUSR2 to the daemons named by their pid files.
 void signal_daemons();
 // Sends SIGUSR2 to the daemon whose pid file is `pid_file`, when it names a
