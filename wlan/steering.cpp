@@ -3,6 +3,7 @@
 // channel switch, and station isolation on every VAP.
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "os/os.h"
@@ -28,19 +29,35 @@ public:
     std::string vap_item(int radio, int vap, const char *name) const {
         return item(gid_vap[radio * kVaps + vap], name);
     }
-    bool enabled(int radio, int vap) const { return vap_item(radio, vap, "state") == "enable"; }
+    // A VAP's state and SSID, read once per run (the pairing compares every
+    // VAP of one radio with every VAP of the other).
+    const std::string &state(int radio, int vap) const {
+        return cached(states_[radio][vap], radio, vap, "state");
+    }
+    const std::string &ssid(int radio, int vap) const {
+        return cached(ssids_[radio][vap], radio, vap, "ssid");
+    }
+    bool enabled(int radio, int vap) const { return state(radio, vap) == "enable"; }
 
-    // The first enabled VAP of `radio` (other than `except`) named `ssid`,
+    // The first enabled VAP of `radio` (other than `except`) named `name`,
     // or -1.
-    int find(int radio, const std::string &ssid, int except = -1) const {
+    int find(int radio, const std::string &name, int except = -1) const {
         for (int v = 0; v < kVaps; ++v) {
-            if (v != except && enabled(radio, v) && vap_item(radio, v, "ssid") == ssid)
+            if (v != except && enabled(radio, v) && ssid(radio, v) == name)
                 return v;
         }
         return -1;
     }
 
 private:
+    using Cache = std::optional<std::string>;
+
+    const std::string &cached(Cache &slot, int radio, int vap, const char *name) const {
+        if (!slot)
+            slot = vap_item(radio, vap, name);
+        return *slot;
+    }
+
     std::string item(uint32_t gid, const char *name) const {
         char value[kValue] = "";
         if (get_cfg_item(handle_, gid, name, value) != QORCFG_OK)
@@ -50,6 +67,8 @@ private:
     }
 
     qorcfg_handle *handle_;
+    mutable Cache states_[kRadios][kVaps];
+    mutable Cache ssids_[kRadios][kVaps];
 };
 
 // Appends "band_steer" = `value` for a VAP; a list that cannot grow stays
@@ -67,8 +86,7 @@ qorcfg_item *append_steer(qorcfg_item *list, int radio, int vap, const char *val
 void pair_all(const Steering &s, int (&marks)[kRadios][kVaps], int rf24, int rf5, int radio,
               int vap, const char *ssid) {
     auto ssid_of = [&](int r, int v) {
-        return r == radio && v == vap && ssid != nullptr ? std::string(ssid)
-                                                         : s.vap_item(r, v, "ssid");
+        return r == radio && v == vap && ssid != nullptr ? std::string(ssid) : s.ssid(r, v);
     };
     for (int i = 0; i < kVaps; ++i) {
         if (!s.enabled(rf24, i)) {
@@ -114,18 +132,18 @@ void update_one(const Steering &s, int (&marks)[kRadios][kVaps], int rf5, int ow
         pair_changed();
     } else if (new_state == "disable") {
         marks[own][vap] = kSteerOff;
-        const std::string old = s.vap_item(own, vap, "ssid");
+        const std::string old = s.ssid(own, vap);
         if (!old_ssid_stays(old)) {
             for (int k = 0; k < kVaps; ++k) {
-                if (s.enabled(other, k) && s.vap_item(other, k, "ssid") == old)
+                if (s.enabled(other, k) && s.ssid(other, k) == old)
                     marks[rf5][k] = kSteerOff;  // the 5 GHz radio's, whichever the other is
             }
         }
     } else if (new_state == "enable") {
-        const std::string old = s.vap_item(own, vap, "ssid");
+        const std::string old = s.ssid(own, vap);
         if (!old_ssid_stays(old)) {
             for (int k = 0; k < kVaps; ++k) {
-                if (s.enabled(other, k) && s.vap_item(other, k, "ssid") == old)
+                if (s.enabled(other, k) && s.ssid(other, k) == old)
                     marks[other][k] = kSteerOff;
             }
         }
