@@ -84,8 +84,8 @@ int match_sync_record(int *gids, int *lines, int *matches) {
         ++n;
     if (n > 0)
         std::sort(gids, gids + n);
-    os::Text text(static_cast<char *>(os::malloc(kMatchLine)));
-    if (!text)
+    os::Text line(static_cast<char *>(os::malloc(kMatchLine)));  // the record's lines
+    if (!line)
         return QORCFG_ERR_NOMEM;
     // The set as one line: "%d " per group ID, then a newline. A set too
     // long for the line buffer equals no line read with it.
@@ -97,10 +97,9 @@ int match_sync_record(int *gids, int *lines, int *matches) {
     os::File record(os::fopen(kSyncRecord, "r"));
     if (!record)
         return 0;
-    char *line = text.get();
-    while (std::fgets(line, kMatchLine, record.get()) != nullptr) {
+    while (std::fgets(line.get(), kMatchLine, record.get()) != nullptr) {
         ++*lines;
-        if (comparable && set == line)
+        if (comparable && set == line.get())
             ++*matches;
     }
     return 1;
