@@ -2,13 +2,13 @@
 // the repeater state, of VAP isolation or of radio 0's roles drags along.
 #include <cstring>
 
+#include "store/groups.h"
 #include "store/platform.h"
 
 namespace {
 
 constexpr uint32_t kRepeaterGroup = 0x20a80000;
 constexpr uint32_t kIsolationGroup = 0x10600000;
-constexpr uint32_t kRadio0Group = 0x20800000;
 
 bool is(const char *text, const char *expected) {
     return std::strcmp(text, expected) == 0;
@@ -27,7 +27,8 @@ QORCFG_API qorcfg_item *apply_item_dependency(uint32_t gid, const char *name, co
         return set_rep_related();
     if (gid == kIsolationGroup && is(name, "vap_isolate") && is(value, "enable"))
         return set_vap_isolate_related();
-    if (gid == kRadio0Group && is(name, "roles") && (is(value, "ap,wds") || is(value, "ap")))
+    if (gid == qorcfg::store::radio_group(0) && is(name, "roles") &&
+        (is(value, "ap,wds") || is(value, "ap")))
         leave_rep();
     return nullptr;
 }

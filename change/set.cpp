@@ -308,7 +308,7 @@ QORCFG_API int set_cfg_items(qorcfg_handle *handle, qorcfg_item *items) {
 
 QORCFG_API int set_cfg_items_snmp(qorcfg_handle *handle, qorcfg_item *items) {
     const int rc = set_cfg_items_core(handle, items, nullptr, true);
-    qorcfg::store::signal_daemon("/var/run/read_qorcfgd.pid");
+    qorcfg::store::signal_daemon(qorcfg::store::kQorcfgdPidFile);
     return rc;
 }
 

@@ -10,6 +10,7 @@
 #include "change/change.h"
 #include "os/os.h"
 #include "os/owners.h"
+#include "store/groups.h"
 #include "store/platform.h"
 #include "store/store.h"
 
@@ -19,9 +20,6 @@ namespace {
 constexpr const char *kRfRebootMarker = "/tmp/rf_need_reboot";
 constexpr size_t kLine = 256;        // a record line, as the record is read
 constexpr size_t kMatchLine = 2048;  // a line, as can_apply compares it
-
-constexpr uint32_t kDeviceGroup = 0x08180000;  // "type": AP, CPE, GW
-constexpr uint32_t kRadio0Group = 0x20800000;  // "roles" of radio 0
 
 // The number a line starts with, as decimal conversion reads it.
 uint32_t number_of(const char *line) {
@@ -147,8 +145,8 @@ QORCFG_API int write_sync_record(const uint32_t *gids, int count, int reboot) {
     if (handle == nullptr)
         return QORCFG_ERR_FAIL;
     char type[change::kLine] = "", roles[change::kLine] = "";
-    get_cfg_item(handle, change::kDeviceGroup, "type", type);
-    get_cfg_item(handle, change::kRadio0Group, "roles", roles);
+    get_cfg_item(handle, store::kDeviceGroup, "type", type);
+    get_cfg_item(handle, store::radio_group(0), "roles", roles);
     close_qorcfg(handle);
     if (gids == nullptr)
         return QORCFG_ERR_FAIL;
@@ -181,8 +179,8 @@ QORCFG_API int check_items_need_reboot(qorcfg_handle *handle, const qorcfg_item 
     if (items == nullptr)
         return QORCFG_OK;
     char type[change::kLine] = "", roles[change::kLine] = "";
-    get_cfg_item(handle, change::kDeviceGroup, "type", type);
-    get_cfg_item(handle, change::kRadio0Group, "roles", roles);
+    get_cfg_item(handle, store::kDeviceGroup, "type", type);
+    get_cfg_item(handle, store::radio_group(0), "roles", roles);
     qorcfg_handle *current = nullptr;
     int rc = QORCFG_OK;
     for (const qorcfg_item *item = items; item != nullptr && *need_reboot != 1; item = item->next) {

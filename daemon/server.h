@@ -26,12 +26,13 @@
 
 #include "daemon/reply.h"
 #include "qorcfg.h"
+#include "store/store.h"
 
 namespace qorcfg::daemon {
 
 // Pid file of the daemon (through the OS seam, so below the root when one
-// is set).
-inline constexpr const char *kPidFile = "/var/run/read_qorcfgd.pid";
+// is set): where the library looks for it.
+inline constexpr const char *kPidFile = store::kQorcfgdPidFile;
 
 // Limits of the event loop.
 struct Options {

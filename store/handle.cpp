@@ -54,8 +54,6 @@ const char *lock_file(int kind) {
 }
 
 // The daemons that re-read the configuration on SIGUSR2, by pid file.
-constexpr const char *kDaemonPidFiles[] = {"/var/run/read_qorcfgd.pid", "/var/run/snmpd.pid",
-                                           "/var/run/qorsic.pid"};
 
 // The sources of a factory reset, the customer's first.
 constexpr const char *kCustomDefaults = "/conf/customize/config-backup.conf";

@@ -137,7 +137,14 @@ Answer ask_daemon_first(qorcfg_handle *handle, const Fallback &fallback, Ask ask
 // one. False when the file cannot be opened or is empty.
 bool first_line_number(const char *path, long &number);
 
-// Sends SIGUSR2 to the daemons named by their pid files.
+// The daemons told of a change (SIGUSR2), by their pid files, in the order
+// they are told.
+inline constexpr const char *kQorcfgdPidFile = "/var/run/read_qorcfgd.pid";
+inline constexpr const char *kSnmpdPidFile = "/var/run/snmpd.pid";
+inline constexpr const char *kQorsicPidFile = "/var/run/qorsic.pid";
+inline constexpr const char *kDaemonPidFiles[] = {kQorcfgdPidFile, kSnmpdPidFile, kQorsicPidFile};
+
+// Sends SIGUSR2 to the daemons named by kDaemonPidFiles.
 void signal_daemons();
 // Sends SIGUSR2 to the daemon whose pid file is `pid_file`, when it names a
 // process (2 or more).

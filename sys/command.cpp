@@ -7,16 +7,21 @@
 #include <cstring>
 
 #include "os/os.h"
+#include "qorcfg.h"
 
 namespace qorcfg::sys {
 
 CommandLine::CommandLine(size_t size, const char *format, ...) {
     va_list ap;
     va_start(ap, format);
+    this->format(size, format, ap);
+    va_end(ap);
+}
+
+void CommandLine::format(size_t size, const char *format, va_list ap) {
     va_list again;
     va_copy(again, ap);
     const int n = std::vsnprintf(nullptr, 0, format, ap);
-    va_end(ap);
     const auto length = static_cast<size_t>(n);
     if (n >= 0 && (size == kAnyLength || length < size)) {
         text_.reset(static_cast<char *>(os::malloc(length + 1)));
@@ -24,6 +29,15 @@ CommandLine::CommandLine(size_t size, const char *format, ...) {
             std::vsnprintf(text_.get(), length + 1, format, again);
     }
     va_end(again);
+}
+
+int run(size_t size, const char *format, ...) {
+    CommandLine line;
+    va_list ap;
+    va_start(ap, format);
+    line.format(size, format, ap);
+    va_end(ap);
+    return qor_system(line.c_str());
 }
 
 bool first_line_of(const CommandLine &line, char *buf, size_t size) {

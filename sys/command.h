@@ -8,6 +8,7 @@
 // only through the OS seam: os::system (qor_system) or os::popen.
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
 #include <string_view>
 
@@ -42,8 +43,17 @@ public:
     const char *c_str() const { return text_.get(); }
 
 private:
+    friend int run(size_t size, const char *format, ...);
+    CommandLine() = default;
+    void format(size_t size, const char *format, va_list ap);
+
     os::Text text_;
 };
+
+// Builds a line as CommandLine does and runs it through qor_system: the
+// command's status, or 1 (qor_system's answer to no command) when the line
+// is refused and nothing ran.
+int run(size_t size, const char *format, ...) QORCFG_PRINTF(2, 3);
 
 // Runs `line` through a read pipe and reads the first line it prints into
 // `buf` (at most `size` - 1 bytes, newline kept; "" when it printed
