@@ -32,7 +32,7 @@ inline constexpr const char *kFirewallMod = "/sbin/firewall_mod.sh";
 // which is empty when the item cannot be read.
 struct Item {
     char text[256] = "";
-    int read(qorcfg_handle *handle, uint32_t gid, const char *name);
+    int load(qorcfg_handle *handle, uint32_t gid, const char *name);
     bool is(const char *value) const;
     bool contains(const char *part) const;
 };

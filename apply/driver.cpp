@@ -62,7 +62,7 @@ bool Item::contains(const char *part) const {
     return std::strstr(text, part) != nullptr;
 }
 
-int Item::read(qorcfg_handle *handle, uint32_t gid, const char *name) {
+int Item::load(qorcfg_handle *handle, uint32_t gid, const char *name) {
     const int rc = get_cfg_item(handle, gid, name, text);
     if (rc != QORCFG_OK)
         text[0] = '\0';
@@ -117,8 +117,8 @@ QORCFG_API uint32_t apply_rf2vap = 0;
 
 QORCFG_API int apply_cfg(qorcfg_handle *handle) {
     try {
-        store::HeldLock access(store::kAccessLock, LOCK_EX | LOCK_NB);
-        if (!access.held())
+        store::HeldLock apply_lock(store::kAccessLock, LOCK_EX | LOCK_NB);
+        if (!apply_lock.held())
             return QORCFG_BUSY;
         if (os::write_file(kApplyingMarker, "") != 0)
             std::printf("%s cannot be generated\n", kApplyingMarker);
@@ -139,7 +139,7 @@ QORCFG_API int apply_cfg(qorcfg_handle *handle) {
         const int result = apply_groups(handle, record, count, &restart);
         os::unlink(change::kSyncRecord);
         os::unlink(kApplyingMarker);
-        access.release();
+        apply_lock.release();
         for (const char *pid_file : daemons_told(restart == 1))
             store::signal_daemon(pid_file);
         return result;

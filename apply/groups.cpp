@@ -232,7 +232,7 @@ QORCFG_API int apply_cfg_group(qorcfg_handle *handle, uint32_t gid, uint32_t *re
     // Read as every apply of a group reads it; the radio routines read
     // their own.
     Item type;
-    type.read(handle, store::kDeviceGroup, "type");
+    type.load(handle, store::kDeviceGroup, "type");
 
     const Row *row = row_of(gid);
     if (row == nullptr)

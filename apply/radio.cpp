@@ -19,7 +19,7 @@ constexpr const char *kGw = "GW";
 // WDS links restarted: bonded first when the bonding style can be read.
 void reset_wds(qorcfg_handle *handle, int r) {
     Item style;
-    if (style.read(handle, store::kWdsBondGroup, "wds_style") == QORCFG_OK) {
+    if (style.load(handle, store::kWdsBondGroup, "wds_style") == QORCFG_OK) {
         sys::run(kLineSize, "%s restart", kRcBonding);
         sys::run(kLineSize, "%s reset_wds bonding", kRcBridge);
     }
@@ -30,7 +30,7 @@ void reset_wds(qorcfg_handle *handle, int r) {
 // roles; the repeater's hostapd start is the radio apply's alone.
 void reset_roles(qorcfg_handle *handle, int r, bool start_repeater) {
     Item roles;
-    roles.read(handle, store::radio_group(r), "roles");
+    roles.load(handle, store::radio_group(r), "roles");
     if (roles.contains("wds"))
         reset_wds(handle, r);
     if (roles.contains("rep")) {
@@ -63,13 +63,13 @@ QORCFG_API int apply_vap_group(qorcfg_handle *handle, uint32_t gid, uint32_t *re
     if (get_vap_apply_flag(r) != 0)
         return QORCFG_OK;
     Item state;
-    if (const int rc = state.read(handle, store::radio_group(r), "state"); rc != QORCFG_OK)
+    if (const int rc = state.load(handle, store::radio_group(r), "state"); rc != QORCFG_OK)
         return rc;
     if (!state.is("enable"))
         return QORCFG_OK;
     Item type;
     if (r == 0)
-        type.read(handle, store::kDeviceGroup, "type");
+        type.load(handle, store::kDeviceGroup, "type");
     const char *list = vap_lists != nullptr ? vap_lists[r] : "";
 
     stop(r, type);
@@ -96,7 +96,7 @@ QORCFG_API int apply_radio_group(qorcfg_handle *handle, uint32_t gid, uint32_t *
         return QORCFG_ERR_FAIL;
     std::printf("apply gid %d\n", static_cast<int>(gid));
     Item type;
-    type.read(handle, store::kDeviceGroup, "type");
+    type.load(handle, store::kDeviceGroup, "type");
     const int r = radio_index_of_gid(gid);
     if (r < 0)
         return QORCFG_ERR_FAIL;
