@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "os/owners.h"
 #include "qorcfg.h"
 
 namespace qorcfg::apply {
@@ -36,6 +37,16 @@ struct Item {
     bool is(const char *value) const;
     bool contains(const char *part) const;
 };
+
+// The sync record as an apply reads it.
+struct Record {
+    os::Memory<uint32_t> entries;  // the reboot flag, then the group IDs
+    int count = 0;                 // group IDs
+    const uint32_t *gids() const { return entries.get() + 1; }
+};
+// QORCFG_ERR_OPEN when there is no record (nothing to apply), else
+// read_sync_record's result.
+int read_record(Record &record);
 
 // The groups of a sync record applied in record order: the VAP lists made
 // from the record, every group's service commands run, and, when the record

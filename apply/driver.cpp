@@ -69,6 +69,15 @@ int Item::load(qorcfg_handle *handle, uint32_t gid, const char *name) {
     return rc;
 }
 
+int read_record(Record &record) {
+    if (!os::File(os::fopen(change::kSyncRecord, "r")))
+        return QORCFG_ERR_OPEN;
+    uint32_t *entries = nullptr;
+    const int rc = read_sync_record(&entries, &record.count, 0);
+    record.entries.reset(entries);
+    return rc;
+}
+
 int apply_groups(qorcfg_handle *handle, const uint32_t *gids, int count, uint32_t *restart) {
     uint32_t table[kTableSize] = {};
     for (int i = 0; i < count; ++i)
@@ -123,12 +132,8 @@ QORCFG_API int apply_cfg(qorcfg_handle *handle) {
         if (os::write_file(kApplyingMarker, "") != 0)
             std::printf("%s cannot be generated\n", kApplyingMarker);
         // From here on, an apply that stops leaves the marker behind.
-        if (!os::File(os::fopen(change::kSyncRecord, "r")))
-            return QORCFG_ERR_OPEN;
-        uint32_t *record = nullptr;
-        int count = 0;
-        int rc = read_sync_record(&record, &count, 0);
-        const os::Memory<uint32_t> owned(record);
+        Record record;
+        int rc = read_record(record);
         if (rc != QORCFG_OK)
             return rc;
         rc = save_qorcfg(handle, current_config);
@@ -136,7 +141,7 @@ QORCFG_API int apply_cfg(qorcfg_handle *handle) {
             return rc;
 
         uint32_t restart = 0;
-        const int result = apply_groups(handle, record, count, &restart);
+        const int result = apply_groups(handle, record.gids(), record.count, &restart);
         os::unlink(change::kSyncRecord);
         os::unlink(kApplyingMarker);
         apply_lock.release();

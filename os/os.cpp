@@ -400,6 +400,8 @@ void Runner::clear() {
 
 Reply Runner::run(Command::Kind kind, std::string_view line) {
     commands_.push_back({kind, std::string(line)});
+    if (observer_)
+        observer_(commands_.back());
     const Reply *best = nullptr;
     size_t best_len = 0;
     for (const auto &[prefix, reply] : replies_) {

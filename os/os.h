@@ -124,6 +124,9 @@ class Runner {
 public:
     void answer(std::string prefix, Reply reply);
     void answer(std::string prefix, std::string output, int status = 0);
+    // Called with each command as it is recorded (a dry run shows it in
+    // place, among what the caller prints).
+    void observe(std::function<void(const Command &)> observer) { observer_ = std::move(observer); }
 
     const std::vector<Command> &commands() const { return commands_; }
     const std::vector<Signal> &signals() const { return signals_; }
@@ -139,6 +142,7 @@ private:
     std::vector<std::pair<std::string, Reply>> replies_;
     std::vector<Command> commands_;
     std::vector<Signal> signals_;
+    std::function<void(const Command &)> observer_;
 };
 
 // Install a runner (null = run commands for real and send real signals).

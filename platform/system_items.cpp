@@ -1,5 +1,5 @@
 // platform/system_items.cpp - run-time values of the device (uptime, load,
-// memory, host name) for get_sys_item.
+// memory, host name, temperature, LAN address) for get_sys_item.
 #include <cstdlib>
 #include <string>
 
@@ -55,8 +55,33 @@ int hostname(uint32_t, char *buf, uint32_t) {
     return 0;
 }
 
+// The SoC's temperature in whole degrees Celsius (the zone reports
+// thousandths).
+int temperature(uint32_t zone, char *buf, uint32_t) {
+    std::string line;
+    std::string out;
+    const std::string path = "/sys/class/thermal/thermal_zone" + std::to_string(zone) + "/temp";
+    if (qorcfg::platform::read_line(path.c_str(), line) && !line.empty())
+        out = std::to_string(std::strtol(line.c_str(), nullptr, 10) / 1000);
+    copy_out(out, buf, kItemText);
+    return 0;
+}
+
+// The hardware address of the LAN bridge.
+int lan_mac(uint32_t, char *buf, uint32_t) {
+    char ifname[kItemText] = "";
+    get_lan_ifname(ifname);
+    std::string line;
+    const std::string path = std::string("/sys/class/net/") + ifname + "/address";
+    if (!qorcfg::platform::read_line(path.c_str(), line))
+        line.clear();
+    copy_out(line, buf, kItemText);
+    return 0;
+}
+
 }  // namespace
 
 extern "C" const qorcfg_sys_item sys_item_list[] = {
     {"uptime", 0, uptime, 0},   {"load", 0, load, 0},         {"mem_total", 0, memory, 0},
-    {"mem_free", 1, memory, 0}, {"hostname", 0, hostname, 0}, {nullptr, 0, nullptr, 0}};
+    {"mem_free", 1, memory, 0}, {"hostname", 0, hostname, 0}, {"temperature", 0, temperature, 0},
+    {"lan_mac", 0, lan_mac, 0}, {nullptr, 0, nullptr, 0}};

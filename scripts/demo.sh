@@ -40,3 +40,19 @@ echo "\$ qorcfg --root $root pending | head -n 6"
 echo
 q get sys_device location
 q get rf2_vap16 sta_isolate
+
+# Applying, on a fresh copy: a radio and a service change; a dry run shows
+# every command the apply would run, in order, among its messages, and the
+# daemons it would tell; then the apply itself (its commands reported, not
+# run, on a copy) clears the record.
+root=build/demo-apply-root
+rm -rf "$root"
+cp -r devroot "$root"
+find "$root/tmp" -mindepth 1 ! -name .keep -exec rm -rf {} +
+q set rf1 channel=11
+q set snmp state=enable
+q apply --dry-run
+q apply
+q pending
+q sys-item uptime
+q sys-item temperature

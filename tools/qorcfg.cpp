@@ -20,6 +20,8 @@
 #include <system_error>
 #include <vector>
 
+#include "apply/apply.h"
+#include "change/change.h"
 #include "common/codes.h"
 #include "os/offline.h"
 #include "os/os.h"
@@ -63,6 +65,17 @@ const char kHelp[] =
     "  save FILE               writes the configuration to FILE, a path on the device\n"
     "  reset                   restores the factory defaults (the customer's defaults\n"
     "                          when the device has them)\n"
+    "  apply [--dry-run]       makes the pending changes take effect: runs the changed\n"
+    "                          groups' service commands, then tells the daemons;\n"
+    "                          --dry-run prints the commands (\"run: LINE\") and the\n"
+    "                          daemons it would tell, runs nothing and keeps the\n"
+    "                          changes pending\n"
+    "  sys ACTION              a device-wide action: 0 reboot (in 5 s), 1 restart\n"
+    "                          syslogd, 2 check the DHCP client, 3 copy the system log\n"
+    "                          to /tmp/syslog_messages\n"
+    "  sys-item NAME           a run-time value of the system (on the sample device:\n"
+    "                          uptime, load, mem_total, mem_free, hostname,\n"
+    "                          temperature, lan_mac)\n"
     "\n"
     "GROUP is a group name (sys_device) or a group ID in hex (0x08080000). PATH\n"
     "starts at the root element and may pick the N-th of repeated elements with\n"
@@ -87,7 +100,8 @@ const char kHelp[] =
     "  0         success\n"
     "  1         the access lock is held, or a general failure (-1)\n"
     "  2 to 99   the library's result code -2 to -99, as a positive number\n"
-    "            (3 unknown group, 4 item not found)\n"
+    "            (3 unknown group, or a group that failed to apply; 4 item not\n"
+    "            found; 7 nothing to apply)\n"
     "  101-105   daemon transport failure -10001 to -10005\n"
     "  64        usage error: unknown command or option, missing or bad argument\n"
     "\n"
@@ -385,7 +399,7 @@ int cmd_set(const std::vector<std::string> &args) {
 
 int cmd_pending(const std::vector<std::string> &) {
     int exists = 0;
-    chk_cfg_sync("/tmp/sync_config", &exists);
+    chk_cfg_sync(qorcfg::change::kSyncRecord, &exists);
     if (exists == 0) {
         std::printf("nothing pending\n");
         return 0;
@@ -421,6 +435,92 @@ int cmd_reset(const std::vector<std::string> &) {
     return rc == QORCFG_OK ? 0 : fail("reset", rc);
 }
 
+// What an apply's result codes mean to the one who asked for it.
+int fail_apply(const std::string &what, int rc) {
+    if (rc == QORCFG_ERR_OPEN) {
+        std::fprintf(stderr, "qorcfg: %s: nothing to apply: no changes recorded (%d)\n",
+                     what.c_str(), rc);
+        return exit_status(rc);
+    }
+    if (rc == QORCFG_ERR_GROUP) {
+        std::fprintf(stderr, "qorcfg: %s: a group failed to apply; the rest were applied (%d)\n",
+                     what.c_str(), rc);
+        return exit_status(rc);
+    }
+    return fail(what, rc);
+}
+
+// The apply's steps that run commands, with every command recorded and
+// shown where it would run, among the apply's own messages; then the
+// daemons the apply would tell. Files are neither written nor deleted.
+int dry_run(qorcfg_handle *handle) {
+    const std::string what = "apply --dry-run";
+    qorcfg::apply::Record record;
+    if (const int rc = qorcfg::apply::read_record(record); rc != QORCFG_OK)
+        return fail_apply(what, rc);
+
+    qorcfg::os::Runner recorder;
+    recorder.observe(
+        [](const qorcfg::os::Command &c) { std::printf("run: %s\n", c.line.c_str()); });
+    qorcfg::os::Runner *before = qorcfg::os::runner();
+    qorcfg::os::set_runner(&recorder);
+    uint32_t restart = 0;
+    const int rc = qorcfg::apply::apply_groups(handle, record.gids(), record.count, &restart);
+    qorcfg::os::set_runner(before);
+    for (const char *pid_file : qorcfg::apply::daemons_told(restart == 1))
+        std::printf("signal: SIGUSR2 to the process in %s\n", pid_file);
+    return rc == QORCFG_OK ? 0 : fail_apply(what, rc);
+}
+
+int cmd_apply(const std::vector<std::string> &args) {
+    const bool dry = !args.empty();
+    if (dry && args[0] != "--dry-run")
+        return usage_error(what_of("apply", args), "unknown option (usage: apply [--dry-run])");
+    // Nothing pending: an apply would stop early and leave its marker
+    // behind, so that front ends would show an apply in progress.
+    if (int exists = 0; chk_cfg_sync(qorcfg::change::kSyncRecord, &exists), exists == 0)
+        return fail_apply(dry ? "apply --dry-run" : "apply", QORCFG_ERR_OPEN);
+    qorcfg_handle *handle = init_qorcfg();
+    if (handle == nullptr)
+        return fail("apply", QORCFG_ERR_FAIL);
+    const int status = dry ? dry_run(handle) : apply_cfg(handle);
+    close_qorcfg(handle);
+    if (dry)
+        return status;
+    if (status != QORCFG_OK)
+        return fail_apply("apply", status);
+    std::printf("applied\n");
+    return 0;
+}
+
+int cmd_sys(const std::vector<std::string> &args) {
+    const std::string what = what_of("sys", args);
+    const std::string &action = args[0];
+    if (action.size() != 1 || action[0] < '0' || action[0] > '3')
+        return usage_error(what, "ACTION is 0, 1, 2 or 3 (see qorcfg --help)");
+    const int rc = apply_sys(action[0] - '0');
+    if (action == "0") {  // -1 whether or not the reboot started
+        std::printf("reboot in 5 seconds\n");
+        return 0;
+    }
+    if (rc != 0) {
+        std::fprintf(stderr, "qorcfg: %s: the command failed (status %d)\n", what.c_str(), rc);
+        return 1;
+    }
+    return 0;
+}
+
+int cmd_sys_item(const std::vector<std::string> &args) {
+    // Getters agree on their buffer's size with their callers: be generous.
+    std::vector<char> value(4096, '\0');
+    const int rc = get_sys_item(args[0].c_str(), value.data());
+    if (rc != QORCFG_OK)
+        return fail(what_of("sys-item", args), rc);
+    value.back() = '\0';
+    std::printf("%s\n", value.data());
+    return 0;
+}
+
 int cmd_groups(const std::vector<std::string> &) {
     for (const qorcfg_group *g = group_table; g->gid != 0; ++g) {
         std::printf("0x%08x %s %s\n", static_cast<unsigned>(g->gid), text_or_empty(g->name),
@@ -448,6 +548,9 @@ constexpr Command kCommands[] = {
     {"pending", 0, 0, "pending", cmd_pending},
     {"save", 1, 1, "save FILE", cmd_save},
     {"reset", 0, 0, "reset", cmd_reset},
+    {"apply", 0, 1, "apply [--dry-run]", cmd_apply},
+    {"sys", 1, 1, "sys ACTION", cmd_sys},
+    {"sys-item", 1, 1, "sys-item NAME", cmd_sys_item},
 };
 
 // Offline, on an unpacked device root, the device's commands and signals

@@ -11,6 +11,10 @@
 //   env: QORCFG_PRINT_ERR=0             (optional, repeatable)
 //   truncate: conf/config.xml 3000      (optional: the root's file cut short
 //                                        at that many bytes before the run)
+//   write: var/run/snmpd.pid 813        (optional: a line appended to a file
+//                                        of the root before the run)
+//   before: set rf1 channel=11          (optional: runs before the run, in
+//                                        order, each of which must succeed)
 //   status: 0
 //   stdout:                             ("stdout begins:" compares only the
 //   ...                                  first lines)
@@ -114,6 +118,8 @@ struct Transcript {
     std::string header;  // comment, run and env lines, as written
     std::vector<std::string> args, env;
     std::vector<std::pair<std::string, uintmax_t>> cuts;  // "truncate:" lines
+    std::vector<std::pair<std::string, std::string>> writes;  // "write:" lines
+    std::vector<std::vector<std::string>> before;             // "before:" lines
     int status = -1;
     bool stdout_prefix = false;  // "stdout begins:"
     std::string out, err;
@@ -144,7 +150,13 @@ Transcript load_transcript(const std::string &name) {
         else if (line.starts_with("truncate: ")) {
             const auto w = parse_words(line.substr(10));
             t.cuts.emplace_back(w.at(0), std::stoull(w.at(1))), t.header += line + "\n";
-        } else if (line.empty() || line.starts_with("#"))
+        } else if (line.starts_with("write: ")) {
+            const size_t space = line.find(' ', 7);
+            t.writes.emplace_back(line.substr(7, space - 7), line.substr(space + 1) + "\n");
+            t.header += line + "\n";
+        } else if (line.starts_with("before: "))
+            t.before.push_back(parse_words(line.substr(8))), t.header += line + "\n";
+        else if (line.empty() || line.starts_with("#"))
             t.header += line + "\n";
         else
             throw std::runtime_error(name + ": unexpected line: " + line);
@@ -179,6 +191,12 @@ TEST_P(Golden, OutputErrorsAndStatusMatchTheTranscript) {
     DeviceRoot device;
     for (const auto &[file, size] : t.cuts)
         fs::resize_file(device.root() + "/" + file, size);
+    for (const auto &[file, text] : t.writes)
+        std::ofstream(device.root() + "/" + file, std::ios::app) << text;
+    for (const auto &args : t.before) {
+        const Result b = run_cli(device.root(), args, t.env);
+        ASSERT_EQ(b.status, 0) << "before: " << args.at(0) << "\n" << b.err;
+    }
     const Result r = run_cli(device.root(), t.args, t.env);
     ASSERT_EQ(r.signal, 0) << "the tool was killed; stderr:\n" << r.err;
     const std::string out = t.stdout_prefix ? first_lines(r.out, t.out) : r.out;
