@@ -117,7 +117,7 @@ struct DeviceRoot : qorcfg::test::Sandbox {
 struct Transcript {
     std::string header;  // comment, run and env lines, as written
     std::vector<std::string> args, env;
-    std::vector<std::pair<std::string, uintmax_t>> cuts;  // "truncate:" lines
+    std::vector<std::pair<std::string, uintmax_t>> cuts;      // "truncate:" lines
     std::vector<std::pair<std::string, std::string>> writes;  // "write:" lines
     std::vector<std::vector<std::string>> before;             // "before:" lines
     int status = -1;
