@@ -45,7 +45,7 @@ public:
 private:
     friend int run(size_t size, const char *format, ...);
     CommandLine() = default;
-    void format(size_t size, const char *format, va_list ap);
+    void format(size_t size, const char *format, va_list ap) QORCFG_PRINTF(3, 0);
 
     os::Text text_;
 };
