@@ -230,6 +230,8 @@ TEST_F(SampleDeviceFiles, SystemItemsAndWdsLinksReadTheRootsFiles) {
         {"/proc/loadavg", "0.12 0.34 0.56 1/234 5678\n"},
         {"/proc/meminfo", "MemTotal:  262144 kB\nMemFree:   131072 kB\nMemAvailable:  1 kB\n"},
         {"/proc/sys/kernel/hostname", "ap-lab\n"},
+        {"/sys/class/thermal/thermal_zone0/temp", "48999\n"},
+        {"/sys/class/net/br0/address", "00:1b:21:3a:4f:00\n"},
         {"/sys/class/net/ath0wds0/operstate", "up\n"},
         {"/sys/class/net/ath1wds1/operstate", "dormant\n"},
         {"/sys/class/net/ath2wds7/operstate", "down\n"},
@@ -260,8 +262,9 @@ TEST_F(SampleDeviceFiles, SystemItemsAndWdsLinksReadTheRootsFiles) {
     EXPECT_EQ(
         got,
         "uptime=12345;load=0.12 0.34 0.56;mem_total=262144;mem_free=131072;hostname=ap-lab;"
-        "\n1 3 7 9 5 2\n2 - - - - -\n0 6 - 4 - 1\n"
-        "uptime=;load=;mem_total=;mem_free=;hostname=;\n0 - - - - -\n0 - - - - -\n0 - - - - -\n");
+        "temperature=48;lan_mac=00:1b:21:3a:4f:00;\n1 3 7 9 5 2\n2 - - - - -\n0 6 - 4 - 1\n"
+        "uptime=;load=;mem_total=;mem_free=;hostname=;temperature=;lan_mac=;\n0 - - - - -\n0 - - - "
+        "- -\n0 - - - - -\n");
 }
 
 TEST_F(SampleDeviceFiles, RepeaterHooksNameRealItemsAndLeaveTheFilesAlone) {
