@@ -104,7 +104,8 @@ int apply_groups(qorcfg_handle *handle, const uint32_t *gids, int count, uint32_
 std::vector<const char *> daemons_told(bool restart) {
     std::vector<const char *> told;
     for (const char *pid_file : store::kDaemonPidFiles) {
-        if (restart || pid_file != store::kSnmpdPidFile)
+        // Compared as texts: the same literal may have two addresses.
+        if (restart || std::strcmp(pid_file, store::kSnmpdPidFile) != 0)
             told.push_back(pid_file);
     }
     return told;
