@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "os/owners.h"
 #include "qorcfg.h"
@@ -17,7 +16,7 @@ namespace qorcfg::apply {
 inline constexpr const char *kApplyingMarker = "/tmp/applying";
 
 // Every command line of an apply is built in a buffer of this size.
-inline constexpr size_t kLineSize = 256;
+inline constexpr size_t kCommandSize = 256;
 
 // The device's service scripts.
 inline constexpr const char *kRcWlan = "/etc/rc.d/rc.wlan";
@@ -54,8 +53,9 @@ int read_record(Record &record);
 // restarted a radio. 0, or QORCFG_ERR_GROUP when a group failed.
 int apply_groups(qorcfg_handle *handle, const uint32_t *gids, int count, uint32_t *restart);
 
-// The pid files of the daemons told after an apply, in order: the SNMP
-// daemon only when a radio was restarted.
-std::vector<const char *> daemons_told(bool restart);
+// Whether the daemon of `pid_file` (one of store::kDaemonPidFiles, which
+// are told in their order) is told after an apply: the SNMP daemon only
+// when a radio was restarted.
+bool told_after_apply(const char *pid_file, bool restart);
 
 }  // namespace qorcfg::apply

@@ -37,8 +37,9 @@ uint32_t *const kVapFlags[] = {&apply_rf0vap, &apply_rf1vap, &apply_rf2vap};
 
 // The VAP lists of radios 0, 1 and 2: radio r names every i of 0..16 whose
 // table entry r * 16 + i is set, as "%d ". Radio 0 thus also names 16 when
-// radio 1's VAP 0 changed; radio 2's positions lie past the table (the
-// table is followed by memory that never holds 1), so its list stays empty.
+// radio 1's VAP 0 changed. Radio 1's position 16 and all of radio 2's lie
+// past the table (which is followed by memory that never holds 1): they
+// count as unchanged, so radio 2's list stays empty.
 void make_vap_lists(const uint32_t (&table)[kTableSize], char (&lists)[kListRadios][256]) {
     for (int r = 0; r < kListRadios; ++r) {
         size_t used = 0;
@@ -101,14 +102,9 @@ int apply_groups(qorcfg_handle *handle, const uint32_t *gids, int count, uint32_
     return result;
 }
 
-std::vector<const char *> daemons_told(bool restart) {
-    std::vector<const char *> told;
-    for (const char *pid_file : store::kDaemonPidFiles) {
-        // Compared as texts: the same literal may have two addresses.
-        if (restart || std::strcmp(pid_file, store::kSnmpdPidFile) != 0)
-            told.push_back(pid_file);
-    }
-    return told;
+bool told_after_apply(const char *pid_file, bool restart) {
+    // Compared as texts: the same literal may have two addresses.
+    return restart || std::strcmp(pid_file, store::kSnmpdPidFile) != 0;
 }
 
 }  // namespace qorcfg::apply
@@ -126,32 +122,30 @@ QORCFG_API uint32_t apply_rf1vap = 0;
 QORCFG_API uint32_t apply_rf2vap = 0;
 
 QORCFG_API int apply_cfg(qorcfg_handle *handle) {
-    try {
-        store::HeldLock apply_lock(store::kAccessLock, LOCK_EX | LOCK_NB);
-        if (!apply_lock.held())
-            return QORCFG_BUSY;
-        if (os::write_file(kApplyingMarker, "") != 0)
-            std::printf("%s cannot be generated\n", kApplyingMarker);
-        // From here on, an apply that stops leaves the marker behind.
-        Record record;
-        int rc = read_record(record);
-        if (rc != QORCFG_OK)
-            return rc;
-        rc = save_qorcfg(handle, current_config);
-        if (rc != QORCFG_OK)
-            return rc;
+    store::HeldLock apply_lock(store::kAccessLock, LOCK_EX | LOCK_NB);
+    if (!apply_lock.held())
+        return QORCFG_BUSY;
+    if (os::write_file(kApplyingMarker, "") != 0)
+        std::printf("%s cannot be generated\n", kApplyingMarker);
+    // From here on, an apply that stops leaves the marker behind.
+    Record record;
+    int rc = read_record(record);
+    if (rc != QORCFG_OK)
+        return rc;
+    rc = save_qorcfg(handle, current_config);
+    if (rc != QORCFG_OK)
+        return rc;
 
-        uint32_t restart = 0;
-        const int result = apply_groups(handle, record.gids(), record.count, &restart);
-        os::unlink(change::kSyncRecord);
-        os::unlink(kApplyingMarker);
-        apply_lock.release();
-        for (const char *pid_file : daemons_told(restart == 1))
+    uint32_t restart = 0;
+    const int result = apply_groups(handle, record.gids(), record.count, &restart);
+    os::unlink(change::kSyncRecord);
+    os::unlink(kApplyingMarker);
+    apply_lock.release();
+    for (const char *pid_file : store::kDaemonPidFiles) {
+        if (told_after_apply(pid_file, restart == 1))
             store::signal_daemon(pid_file);
-        return result;
-    } catch (...) {  // out of memory
-        return QORCFG_ERR_NOMEM;
     }
+    return result;
 }
 
 QORCFG_API int radio_gid_by_index(int index) {

@@ -2,6 +2,7 @@
 // rows, each a set of group IDs with the message printed first and the
 // service commands run in order, or the radio routine the row hands over to.
 #include <cstdio>
+#include <iterator>
 
 #include "apply/apply.h"
 #include "store/groups.h"
@@ -47,7 +48,8 @@ constexpr Ids vaps(int r, uint32_t offset) {
     const uint32_t first = radio_group(r) + store::kVapOffset + offset;
     return {first, first + 15 * store::kVapStride, store::kVapStride};
 }
-// Radio r's base group and its eight radio-level groups after the VAPs.
+// Radio r's eight radio-level groups after the VAPs (its base group is one
+// more).
 constexpr Ids radio_params(int r) {
     return range(radio_group(r) + 0x100400, radio_group(r) + 0x102000, 0x400);
 }
@@ -183,6 +185,23 @@ constexpr int entries() {
 }
 static_assert(entries() == 343, "the table has 343 group IDs");
 
+// No group ID is in two rows (the first would hide the second).
+constexpr bool disjoint() {
+    for (size_t a = 0; a < std::size(kRows); ++a) {
+        const Ids &ids = kRows[a].ids;
+        for (uint32_t gid = ids.first;; gid += ids.step) {
+            for (size_t b = a + 1; b < std::size(kRows); ++b) {
+                if (kRows[b].ids.has(gid))
+                    return false;
+            }
+            if (ids.step == 0 || gid >= ids.last)
+                break;
+        }
+    }
+    return true;
+}
+static_assert(disjoint(), "each group ID has one row");
+
 const Row *row_of(uint32_t gid) {
     for (const Row &row : kRows) {
         if (row.ids.has(gid))
@@ -196,9 +215,9 @@ void run_commands(const Row &row) {
         if (c.script == nullptr)
             break;
         if (c.argument != nullptr)
-            sys::run(kLineSize, "%s %s", c.script, c.argument);
+            sys::run(kCommandSize, "%s %s", c.script, c.argument);
         else
-            sys::run(kLineSize, "%s", c.script);
+            sys::run(kCommandSize, "%s", c.script);
     }
 }
 
@@ -209,7 +228,7 @@ void restart_lan_dhcp() {
     std::printf("LAN if: %s\n", ifname);
     if (ifname[0] == '\0')
         return;
-    const sys::CommandLine line(kLineSize, "%s %s restart", kUdhcpd, ifname);
+    const sys::CommandLine line(kCommandSize, "%s %s restart", kUdhcpd, ifname);
     if (!line.ok())
         return;
     std::printf("Exec: %s\n", line.c_str());
@@ -258,7 +277,7 @@ QORCFG_API int apply_cfg_group(qorcfg_handle *handle, uint32_t gid, uint32_t *re
         case Action::kWme: {
             const int r = radio_index_of_gid(gid);
             if (r == 0 || r == 1)
-                sys::run(kLineSize, "%s configure_wme %d", kRcWlan, r);
+                sys::run(kCommandSize, "%s configure_wme %d", kRcWlan, r);
             return QORCFG_OK;
         }
     }

@@ -20,10 +20,10 @@ constexpr const char *kGw = "GW";
 void reset_wds(qorcfg_handle *handle, int r) {
     Item style;
     if (style.load(handle, store::kWdsBondGroup, "wds_style") == QORCFG_OK) {
-        sys::run(kLineSize, "%s restart", kRcBonding);
-        sys::run(kLineSize, "%s reset_wds bonding", kRcBridge);
+        sys::run(kCommandSize, "%s restart", kRcBonding);
+        sys::run(kCommandSize, "%s reset_wds bonding", kRcBridge);
     }
-    sys::run(kLineSize, "%s reset_wds %d", kRcBridge, r);
+    sys::run(kCommandSize, "%s reset_wds %d", kRcBridge, r);
 }
 
 // The radio's steps between its stop and its start that depend on its
@@ -34,16 +34,16 @@ void reset_roles(qorcfg_handle *handle, int r, bool start_repeater) {
     if (roles.contains("wds"))
         reset_wds(handle, r);
     if (roles.contains("rep")) {
-        sys::run(kLineSize, "%s reset_rep %d", kRcBridge, r);
+        sys::run(kCommandSize, "%s reset_rep %d", kRcBridge, r);
         if (start_repeater)
-            sys::run(kLineSize, "%s start_hostapd %d", kRcWlan, r);
+            sys::run(kCommandSize, "%s start_hostapd %d", kRcWlan, r);
     }
 }
 
 void stop(int r, const Item &type) {
-    sys::run(kLineSize, "%s stop_workaround", kRcMgnt);
+    sys::run(kCommandSize, "%s stop_workaround", kRcMgnt);
     if (r == 0 && type.is(kCpe))
-        sys::run(kLineSize, "%s stop_wan", kRcNet);
+        sys::run(kCommandSize, "%s stop_wan", kRcNet);
 }
 
 }  // namespace
@@ -73,20 +73,20 @@ QORCFG_API int apply_vap_group(qorcfg_handle *handle, uint32_t gid, uint32_t *re
     const char *list = vap_lists != nullptr ? vap_lists[r] : "";
 
     stop(r, type);
-    sys::run(kLineSize, "%s apply_vap_para \"%d\" \"%s\"", kRcWlan, r, list);
+    sys::run(kCommandSize, "%s apply_vap_para \"%d\" \"%s\"", kRcWlan, r, list);
     if (check_rf_need_reboot() == 1)
         return QORCFG_ERR_REBOOT;
     reset_roles(handle, r, false);
-    sys::run(kLineSize, "%s update_vap_bridge %d \"%s\"", kRcBridge, r, list);
+    sys::run(kCommandSize, "%s update_vap_bridge %d \"%s\"", kRcBridge, r, list);
     if (type.is(kGw))
-        sys::run(kLineSize, "%s restart_lan", kRcNet);
-    sys::run(kLineSize, "%s start_hostapd %d", kRcWlan, r);
+        sys::run(kCommandSize, "%s restart_lan", kRcNet);
+    sys::run(kCommandSize, "%s start_hostapd %d", kRcWlan, r);
     if (r == 0)
-        sys::run(kLineSize, type.is(kCpe) ? "%s start_wan" : "%s check_dhcpc", kRcNet);
+        sys::run(kCommandSize, type.is(kCpe) ? "%s start_wan" : "%s check_dhcpc", kRcNet);
     if (restart != nullptr)
         *restart = 1;
-    sys::run(kLineSize, "%s start_workaround", kRcMgnt);
-    sys::run(kLineSize, "%s start; %s set_dnat_mac", kRcSplitTunnel, kRcSplitTunnel);
+    sys::run(kCommandSize, "%s start_workaround", kRcMgnt);
+    sys::run(kCommandSize, "%s start; %s set_dnat_mac", kRcSplitTunnel, kRcSplitTunnel);
     set_vap_apply_flag(r, 1);
     return QORCFG_OK;
 }
@@ -106,19 +106,19 @@ QORCFG_API int apply_radio_group(qorcfg_handle *handle, uint32_t gid, uint32_t *
         return QORCFG_OK;
 
     stop(r, type);
-    sys::run(kLineSize, "%s renew_rf_para %d", kRcWlan, r);
+    sys::run(kCommandSize, "%s renew_rf_para %d", kRcWlan, r);
     if (check_rf_need_reboot() == 1)
         return QORCFG_ERR_REBOOT;
     reset_roles(handle, r, true);
     if (r == 0 && type.is(kCpe)) {
-        sys::run(kLineSize, "%s start_hostapd %d", kRcWlan, 0);
-        sys::run(kLineSize, "%s start_wan", kRcNet);
+        sys::run(kCommandSize, "%s start_hostapd %d", kRcWlan, 0);
+        sys::run(kCommandSize, "%s start_wan", kRcNet);
     } else if (r == 0) {
-        sys::run(kLineSize, "%s check_dhcpc", kRcNet);
+        sys::run(kCommandSize, "%s check_dhcpc", kRcNet);
     }
     if (restart != nullptr)
         *restart = 1;
-    sys::run(kLineSize, "%s start_workaround", kRcMgnt);
+    sys::run(kCommandSize, "%s start_workaround", kRcMgnt);
     set_radio_apply_flag(base, 1);
     return QORCFG_OK;
 }

@@ -32,11 +32,11 @@ QORCFG_API int apply_sys(int action) {
             os::system(kRebootLater);
             return QORCFG_ERR_FAIL;
         case 1:
-            return sys::run(kLineSize, "%s restart_syslogd", kRcMgnt);
+            return sys::run(kCommandSize, "%s restart_syslogd", kRcMgnt);
         case 2:
-            return sys::run(kLineSize, "%s check_dhcpc", kRcNet);
+            return sys::run(kCommandSize, "%s check_dhcpc", kRcNet);
         case 3:
-            return sys::run(kLineSize, "%s > %s", kLogread, kSyslogCopy);
+            return sys::run(kCommandSize, "%s > %s", kLogread, kSyslogCopy);
         default:
             return QORCFG_ERR_FAIL;
     }
@@ -49,8 +49,14 @@ QORCFG_API int get_sys_item(const char *name, char *buf) {
         return QORCFG_ERR_ITEM;
     for (const qorcfg_sys_item *row = sys_item_list; row->name != nullptr; ++row) {
         if (std::strcmp(row->name, name) == 0) {
-            if (row->getter != nullptr)
-                row->getter(row->arg, buf, row->extra);
+            try {
+                if (row->getter != nullptr)
+                    row->getter(row->arg, buf, row->extra);
+            } catch (...) {  // a getter written in C++ that ran out of memory
+                if (buf != nullptr)
+                    buf[0] = '\0';
+                return QORCFG_ERR_NOMEM;
+            }
             return QORCFG_OK;
         }
     }

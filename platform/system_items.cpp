@@ -79,9 +79,22 @@ int lan_mac(uint32_t, char *buf, uint32_t) {
     return 0;
 }
 
+// A getter that leaves an empty value when it fails (out of memory), so
+// that nothing is thrown through a table of C functions.
+template <int (*getter)(uint32_t, char *, uint32_t)>
+int guarded(uint32_t arg, char *buf, uint32_t extra) noexcept {
+    try {
+        return getter(arg, buf, extra);
+    } catch (...) {
+        copy_out("", buf, kItemText);
+        return 0;
+    }
+}
+
 }  // namespace
 
 extern "C" const qorcfg_sys_item sys_item_list[] = {
-    {"uptime", 0, uptime, 0},   {"load", 0, load, 0},         {"mem_total", 0, memory, 0},
-    {"mem_free", 1, memory, 0}, {"hostname", 0, hostname, 0}, {"temperature", 0, temperature, 0},
-    {"lan_mac", 0, lan_mac, 0}, {nullptr, 0, nullptr, 0}};
+    {"uptime", 0, guarded<uptime>, 0},     {"load", 0, guarded<load>, 0},
+    {"mem_total", 0, guarded<memory>, 0},  {"mem_free", 1, guarded<memory>, 0},
+    {"hostname", 0, guarded<hostname>, 0}, {"temperature", 0, guarded<temperature>, 0},
+    {"lan_mac", 0, guarded<lan_mac>, 0},   {nullptr, 0, nullptr, 0}};

@@ -53,8 +53,6 @@ const char *lock_file(int kind) {
     }
 }
 
-// The daemons that re-read the configuration on SIGUSR2, by pid file.
-
 // The sources of a factory reset, the customer's first.
 constexpr const char *kCustomDefaults = "/conf/customize/config-backup.conf";
 constexpr const char *kFactoryDefaults = "/etc/default-config.xml";

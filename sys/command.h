@@ -4,8 +4,9 @@
 // Every command line is formatted by CommandLine, into the buffer size the
 // command's contract names (a line that does not fit is refused and never
 // run, rather than cut into another command) or at its exact length where
-// no size is named. Tools and scripts are named once, here. Commands run
-// only through the OS seam: os::system (qor_system) or os::popen.
+// no size is named. The tools the library runs are named here, the service
+// scripts of an apply in apply/apply.h. Commands run only through the OS
+// seam: os::system (qor_system) or os::popen.
 #pragma once
 
 #include <cstdarg>

@@ -27,6 +27,7 @@
 #include "os/os.h"
 #include "qorcfg.h"
 #include "store/platform.h"
+#include "store/store.h"
 
 namespace {
 
@@ -467,8 +468,10 @@ int dry_run(qorcfg_handle *handle) {
     uint32_t restart = 0;
     const int rc = qorcfg::apply::apply_groups(handle, record.gids(), record.count, &restart);
     qorcfg::os::set_runner(before);
-    for (const char *pid_file : qorcfg::apply::daemons_told(restart == 1))
-        std::printf("signal: SIGUSR2 to the process in %s\n", pid_file);
+    for (const char *pid_file : qorcfg::store::kDaemonPidFiles) {
+        if (qorcfg::apply::told_after_apply(pid_file, restart == 1))
+            std::printf("signal: SIGUSR2 to the process in %s\n", pid_file);
+    }
     return rc == QORCFG_OK ? 0 : fail_apply(what, rc);
 }
 

@@ -75,9 +75,10 @@ TEST_F(ApplyTest, ApplyRunsTheRecordUnderTheAccessLockThenClearsItAndTellsTheDae
     const std::string end = "#101 103 #000000#++", radio = "#101 102 103 #000000#+++";
     // Disturbance (1: another holder of the access lock, 2: the current configuration cannot be
     // written), sync record (hexadecimal group IDs after the flag; none when empty), apply flags
-    // 001000 before (radio 2 counts as applied: the flags are cleared only after a run that applied
-    // groups); result, files left ("saved": the tree is the current configuration), "error" when
-    // the failing group was reported; command lines, daemons signalled, apply flags, and per signal
+    // 001000 before (radio 2's radio-level flag, which no case consults: it shows whether the
+    // flags were cleared); result, files left ("saved": the tree is the current configuration),
+    // "error" when the failing group was reported; command lines, daemons signalled, apply flags,
+    // and per signal
     // "+" when the access lock was free.
     const std::tuple<int, std::string, std::string> cases[] = {
         {1, "0 8080000", "1 record###001000#"},

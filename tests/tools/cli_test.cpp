@@ -152,6 +152,8 @@ Transcript load_transcript(const std::string &name) {
             t.cuts.emplace_back(w.at(0), std::stoull(w.at(1))), t.header += line + "\n";
         } else if (line.starts_with("write: ")) {
             const size_t space = line.find(' ', 7);
+            if (space == std::string::npos)
+                throw std::runtime_error(name + ": write: FILE LINE expected: " + line);
             t.writes.emplace_back(line.substr(7, space - 7), line.substr(space + 1) + "\n");
             t.header += line + "\n";
         } else if (line.starts_with("before: "))
