@@ -9,6 +9,7 @@
 #include <sys/un.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -41,12 +42,35 @@ bool fits_socket_address(const std::string &path) {
     return path.size() < sizeof(sockaddr_un{}.sun_path);
 }
 
+namespace {
+
+// The name of a signal the library sends (numbers differ between CPUs:
+// SIGUSR2 is 12 on x86 and ARM, 17 on MIPS), else its number.
+std::string signal_name(int sig) {
+    switch (sig) {
+        case SIGUSR1:
+            return "SIGUSR1";
+        case SIGUSR2:
+            return "SIGUSR2";
+        case SIGHUP:
+            return "SIGHUP";
+        case SIGTERM:
+            return "SIGTERM";
+        case SIGKILL:
+            return "SIGKILL";
+        default:
+            return "signal " + std::to_string(sig);
+    }
+}
+
+}  // namespace
+
 void report(const char *program, const os::Runner &runner) {
     for (const os::Command &c : runner.commands())
         std::fprintf(stderr, "%s: not run offline: %s\n", program, c.line.c_str());
     for (const os::Signal &s : runner.signals())
-        std::fprintf(stderr, "%s: not sent offline: signal %d to process %d\n", program, s.sig,
-                     static_cast<int>(s.pid));
+        std::fprintf(stderr, "%s: not sent offline: %s to process %d\n", program,
+                     signal_name(s.sig).c_str(), static_cast<int>(s.pid));
 }
 
 }  // namespace qorcfg::os
