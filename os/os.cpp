@@ -315,6 +315,17 @@ int rename_keeping_mode(const char *from, const char *to) {
     return rename(from, to);
 }
 
+bool read_text(const char *path, std::string &text) {
+    std::unique_ptr<FILE, int (*)(FILE *)> f(os::fopen(path, "r"), &std::fclose);
+    if (!f)
+        return false;
+    text.clear();
+    char chunk[4096];
+    for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, f.get())) > 0;)
+        text.append(chunk, n);
+    return std::ferror(f.get()) == 0;
+}
+
 int write_file(const char *path, std::string_view data) {
     if (path == nullptr || path[0] == '\0') {
         errno = ENOENT;

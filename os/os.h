@@ -86,6 +86,10 @@ int rename_keeping_mode(const char *from, const char *to);
 // rewritten in place instead. 0, or -1 with errno set.
 int write_file(const char *path, std::string_view data);
 
+// The whole content of a file into `text`. False when it cannot be opened
+// or read; throws std::bad_alloc when memory runs out.
+bool read_text(const char *path, std::string &text);
+
 // ---- memory -----------------------------------------------------------------
 // Allocation through the seam so that tests can fail the Nth allocation.
 void *malloc(size_t size);

@@ -13,14 +13,10 @@ int pid_in_listing(std::string_view listing, const char *name) {
         return 0;
     int pid = 0;
     char line[kLineSize];
-    while (!listing.empty()) {
-        // One fgets: up to and with the newline, at most 255 bytes.
-        size_t n = listing.find('\n');
-        n = n == std::string_view::npos ? listing.size() : n + 1;
-        n = n < kLineSize - 1 ? n : kLineSize - 1;
-        std::memcpy(line, listing.data(), n);
-        line[n] = '\0';
-        listing.remove_prefix(n);
+    Lines lines(listing, kLineSize);
+    for (std::string_view piece; lines.next(piece);) {
+        std::memcpy(line, piece.data(), piece.size());
+        line[piece.size()] = '\0';
         // Every line that mentions the name anywhere counts, and the last
         // one wins: callers rely on that, odd as it is for a process finder.
         if (std::strstr(line, name) == nullptr)

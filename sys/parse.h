@@ -3,9 +3,31 @@
 // elsewhere (sys/command.h).
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 namespace qorcfg::sys {
+
+// The lines of a text as fgets reads them into a buffer of `size` bytes:
+// each up to and with its newline, a longer one cut into pieces of at most
+// size - 1 bytes.
+class Lines {
+public:
+    Lines(std::string_view text, size_t size) : rest_(text), most_(size - 1) {}
+    bool next(std::string_view &line) {
+        if (rest_.empty())
+            return false;
+        size_t n = rest_.find('\n');
+        n = n == std::string_view::npos ? rest_.size() : n + 1;
+        line = rest_.substr(0, n < most_ ? n : most_);
+        rest_.remove_prefix(line.size());
+        return true;
+    }
+
+private:
+    std::string_view rest_;
+    size_t most_;
+};
 
 // The process ID of the last line of a process listing (ps) that holds
 // `name` anywhere: the line's first field, as atoi reads it (0 when the
