@@ -110,9 +110,9 @@ QORCFG_API int get_allowed_ch_by_usage(qorcfg_chan_table *table, uint8_t unused)
    An empty text gives the single channel 0. */
 QORCFG_API void convert_ch(char *text, uint32_t *list);
 
-/* DFS channels of the configured country into buf: from "/etc/allowed_channel" (ended by
-   QORCFG_CHAN_END), else from the driver of radio 0, then 1 (no end marker). Count; -1 on failure.
- */
+/* DFS channels of the configured country into buf (32 entries): from "/etc/allowed_channel" (at
+   most 31, ended by QORCFG_CHAN_END), else from the driver of radio 0, then 1 (at most 32, no end
+   marker). Count; -1 on failure. */
 QORCFG_API int get_DFS_ch(uint32_t *buf);
 
 /* Scanning. Radios are numbered from 1. */
