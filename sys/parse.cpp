@@ -14,9 +14,7 @@ int pid_in_listing(std::string_view listing, const char *name) {
     int pid = 0;
     char line[kLineSize];
     Lines lines(listing, kLineSize);
-    for (std::string_view piece; lines.next(piece);) {
-        std::memcpy(line, piece.data(), piece.size());
-        line[piece.size()] = '\0';
+    while (lines.next(line)) {
         // Every line that mentions the name anywhere counts, and the last
         // one wins: callers rely on that, odd as it is for a process finder.
         if (std::strstr(line, name) == nullptr)

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 #include <string_view>
 
 namespace qorcfg::sys {
@@ -21,6 +22,16 @@ public:
         n = n == std::string_view::npos ? rest_.size() : n + 1;
         line = rest_.substr(0, n < most_ ? n : most_);
         rest_.remove_prefix(line.size());
+        return true;
+    }
+    // The next line as fgets leaves it: in `buf` (of the size given at
+    // construction) with a terminating zero.
+    bool next(char *buf) {
+        std::string_view line;
+        if (!next(line))
+            return false;
+        std::memcpy(buf, line.data(), line.size());
+        buf[line.size()] = '\0';
         return true;
     }
 

@@ -13,15 +13,6 @@
 namespace qorcfg::wlan {
 namespace {
 
-// A line as the channel file is read: at most 255 bytes and a zero.
-struct Line {
-    char text[sys::kLineSize];
-    explicit Line(std::string_view piece) {
-        std::memcpy(text, piece.data(), piece.size());
-        text[piece.size()] = '\0';
-    }
-};
-
 // The list of a mode group, by its name in the file; null for none.
 uint32_t *list_of(qorcfg_chan_table &t, const char *group) {
     const std::pair<const char *, uint32_t *> lists[] = {
@@ -72,13 +63,12 @@ size_t convert_channels(char *text, uint32_t *list, size_t capacity) {
 
 bool fill_allowed(std::string_view file, qorcfg_chan_table &table, std::string &unknown) {
     sys::Lines lines(file, sys::kLineSize);
-    for (std::string_view piece; lines.next(piece);) {
-        const Line line(piece);
+    // A line as the file is read: at most 255 bytes and a zero.
+    for (char line[sys::kLineSize]; lines.next(line);) {
         unsigned code = 0;
         char group[sys::kLineSize], channels[sys::kLineSize], quote[sys::kLineSize];
         // Every field fits: the line itself is shorter than each buffer.
-        if (std::sscanf(line.text, "c%u_11%[^=]='%[0-9 ]%[']", &code, group, channels, quote) !=
-                4 ||
+        if (std::sscanf(line, "c%u_11%[^=]='%[0-9 ]%[']", &code, group, channels, quote) != 4 ||
             code != table.country_code)
             continue;
         uint32_t *list = list_of(table, group);
@@ -93,16 +83,16 @@ bool fill_allowed(std::string_view file, qorcfg_chan_table &table, std::string &
 
 bool dfs_text(std::string_view file, uint32_t code, std::string &channels) {
     sys::Lines lines(file, sys::kLineSize);
-    for (std::string_view piece; lines.next(piece);) {
-        const Line line(piece);
+    // A line as the file is read: at most 255 bytes and a zero.
+    for (char line[sys::kLineSize]; lines.next(line);) {
         unsigned line_code = 0;
         char word[sys::kLineSize];
-        if (std::sscanf(line.text, "c%u_%s='", &line_code, word) != 2)
+        if (std::sscanf(line, "c%u_%s='", &line_code, word) != 2)
             continue;
         word[std::strcspn(word, "=")] = '\0';
         if (line_code != code || std::strcmp(word, "dfs") != 0)
             continue;
-        const char *open = std::strchr(line.text, '\'');
+        const char *open = std::strchr(line, '\'');
         if (open == nullptr)
             return false;
         ++open;
@@ -116,8 +106,8 @@ bool dfs_text(std::string_view file, uint32_t code, std::string &channels) {
 int last_line_number(std::string_view output) {
     sys::Lines lines(output, sys::kLineSize);
     int number = 0;
-    for (std::string_view piece; lines.next(piece);)
-        number = std::atoi(Line(piece).text);
+    for (char line[sys::kLineSize]; lines.next(line);)
+        number = std::atoi(line);
     return number;
 }
 
