@@ -4,6 +4,7 @@
 // The fast path (nothing configured) is one test of a process global per
 // call; everything else is for tests and the offline tool.
 #include "os/os.h"
+#include "os/owners.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -316,7 +317,7 @@ int rename_keeping_mode(const char *from, const char *to) {
 }
 
 bool read_text(const char *path, std::string &text) {
-    std::unique_ptr<FILE, int (*)(FILE *)> f(os::fopen(path, "r"), &std::fclose);
+    const File f(os::fopen(path, "r"));
     if (!f)
         return false;
     text.clear();

@@ -447,8 +447,7 @@ QORCFG_API int reset_qorcfg(void) {
     HeldLock ram_lock(kRamFile, LOCK_EX);
     if (!ram_lock.held())
         return ram_lock.code();
-    const sys::CommandLine line(sys::CommandLine::kAnyLength, "%s -f %s", sys::kRm, config_ram);
-    qor_system(line.c_str());
+    sys::run(sys::CommandLine::kAnyLength, "%s -f %s", sys::kRm, config_ram);
     ram_lock.release();
     // The working copy is made from the new flash copy by the next open.
     signal_daemons();

@@ -210,9 +210,8 @@ QORCFG_API int set_channel_switch(int channel, int count, int radio) {
     ifname[std::strcspn(ifname, "\n")] = '\0';
     if (std::strlen(ifname) < 5)
         return 0;
-    const CommandLine line(CommandLine::kAnyLength, "iwpriv %s doth_chanswitch %d %d", ifname,
-                           channel, count);
-    qor_system(line.c_str());
+    qorcfg::sys::run(CommandLine::kAnyLength, "iwpriv %s doth_chanswitch %d %d", ifname, channel,
+                     count);
     return channel;
 }
 
