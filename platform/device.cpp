@@ -347,7 +347,10 @@ private:
         const uint32_t base = radio_base(r);
         add(base, rf, path,
             {state(r < 2 ? "enable" : "disable", "Radio"),
-             item("mode", five ? "11ac" : "11ng", "band", "", "Wireless mode"),
+             // The band check knows the modes up to 11n from the channel
+             // lists; the 5 GHz radios' rule adds 11ac.
+             item("mode", five ? "11ac" : "11ng", "band", five ? "^(11a|11na|11ac)$" : "",
+                  "Wireless mode"),
              item("channel",
                   r == 0   ? "6"
                   : r == 1 ? "36"

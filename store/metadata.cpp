@@ -109,6 +109,24 @@ ezxml_node *item_element(qorcfg_handle *handle, const char *item, const char *gr
 }
 
 }  // namespace
+
+char *item_rule(qorcfg_handle *handle, const char *item, const char *group, bool &found) {
+    found = false;
+    if (handle == nullptr || item == nullptr || group == nullptr)
+        return nullptr;
+    char *attr = nullptr;
+    int code = 0;
+    ezxml_node *node = item_element(handle, item, group, &attr, &code);
+    if (node == nullptr)
+        return nullptr;
+    found = true;
+    qorcfg_handle holder;
+    holder.xml = node;
+    char *rule = get_cfg_item_rule(&holder, attr);
+    std::free(attr);
+    return rule;
+}
+
 }  // namespace qorcfg::store
 
 using namespace qorcfg;
@@ -143,19 +161,10 @@ QORCFG_API char *get_cfg_item_desc(qorcfg_handle *holder, const char *attr) {
 
 QORCFG_API char *get_cfg_item_rule_by_group_name(qorcfg_handle *handle, const char *item,
                                                  const char *group) {
-    if (handle == nullptr || item == nullptr || group == nullptr)
-        return nullptr;
-    char *attr = nullptr;
-    int code = 0;
-    ezxml_node *node = item_element(handle, item, group, &attr, &code);
-    if (node == nullptr)
-        return nullptr;
-    qorcfg_handle holder;
-    holder.xml = node;
-    char *rule = get_cfg_item_rule(&holder, attr);
-    if (rule == nullptr)
+    bool found = false;
+    char *rule = item_rule(handle, item, group, found);
+    if (found && rule == nullptr)
         qorcfg_print("ERROR: Cannot get rule of attribute.\n");
-    std::free(attr);
     return rule;
 }
 

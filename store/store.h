@@ -28,6 +28,12 @@ enum Kind : int {
 // path (or none) is kOtherFile.
 Kind file_kind(const char *path);
 
+// A handle given back with close_qorcfg when its owner ends.
+struct HandleCloser {
+    void operator()(qorcfg_handle *handle) const { close_qorcfg(handle); }
+};
+using OwnedHandle = std::unique_ptr<qorcfg_handle, HandleCloser>;
+
 // A lock of a kind, held while the owner lives: lock_qorcfg with the given
 // flock operation, then unlock_qorcfg.
 class HeldLock {
@@ -82,6 +88,12 @@ ezxml_node *find_path(qorcfg_handle *handle, const char *path);
 // The handle's tree, refreshing a network-mode handle; NULL when it has
 // none.
 ezxml_node *tree_of(qorcfg_handle *handle);
+
+// The rule text of `item` of `group` in a definition tree (the rule file),
+// as a new text (caller frees), without get_cfg_item_rule_by_group_name's
+// complaint about an item that has none: NULL then, with `found` true.
+// `found` is false when the group or item is unknown.
+char *item_rule(qorcfg_handle *handle, const char *item, const char *group, bool &found);
 
 // ---- daemon first, then the file ------------------------------------------------
 
