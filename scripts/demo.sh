@@ -33,6 +33,9 @@ rm -rf "$root"
 cp -r devroot "$root"
 find "$root/tmp" -mindepth 1 ! -name .keep -exec rm -rf {} +
 q get sys_device location
+q validate sys_device location "Building 3, roof"
+q validate sys_time interval 200
+q set sys_device "location=Building 3, roof" led=blink
 q set sys_device "location=Building 3, roof" led=disable
 q set 0x10600000 vap_isolate=enable
 echo "\$ qorcfg --root $root pending | head -n 6"
@@ -49,7 +52,7 @@ root=build/demo-apply-root
 rm -rf "$root"
 cp -r devroot "$root"
 find "$root/tmp" -mindepth 1 ! -name .keep -exec rm -rf {} +
-q set rf1 channel=11
+q set rf1 txpower=High
 q set snmp state=enable
 q apply --dry-run
 q apply

@@ -28,6 +28,7 @@
 #include "qorcfg.h"
 #include "store/platform.h"
 #include "store/store.h"
+#include "validate/validate.h"
 
 namespace {
 
@@ -58,9 +59,16 @@ const char kHelp[] =
     "                          (\"tag:index\" for repeated elements)\n"
     "  groups                  the group table, one \"ID name path\" line each\n"
     "  daemon-status           whether the configuration daemon answers\n"
-    "  set GROUP ITEM=VALUE... sets the items of GROUP in one change: the working\n"
+    "  validate GROUP ITEM VALUE\n"
+    "                          checks VALUE against the type and rule that\n"
+    "                          /etc/cfg-rule.xml gives ITEM: prints \"accepted\", or\n"
+    "                          why not (exit status 12)\n"
+    "  set [--no-validate] GROUP ITEM=VALUE...\n"
+    "                          sets the items of GROUP in one change: the working\n"
     "                          copy and the flash copy are written, the changed\n"
-    "                          groups recorded for the next apply, the daemons told\n"
+    "                          groups recorded for the next apply, the daemons told;\n"
+    "                          every value is validated first, and nothing is\n"
+    "                          written when one is rejected (--no-validate: not)\n"
     "  pending                 the groups changed since the last apply, one \"ID name\"\n"
     "                          line each, after \"reboot: yes\" or \"reboot: no\"\n"
     "  save FILE               writes the configuration to FILE, a path on the device\n"
@@ -77,6 +85,10 @@ const char kHelp[] =
     "  sys-item NAME           a run-time value of the system (on the sample device:\n"
     "                          uptime, load, mem_total, mem_free, hostname,\n"
     "                          temperature, lan_mac)\n"
+    "  perm USER|GROUP|OPERATION\n"
+    "                          the user's group, the permission value of the\n"
+    "                          configuration group (name or ID) or of the operation\n"
+    "                          (name, any case, or number)\n"
     "\n"
     "GROUP is a group name (sys_device) or a group ID in hex (0x08080000). PATH\n"
     "starts at the root element and may pick the N-th of repeated elements with\n"
@@ -94,7 +106,9 @@ const char kHelp[] =
     "Options:\n"
     "  --root DIR   work on the device root unpacked at DIR (its files, locks and\n"
     "               daemon socket DIR/tmp/qorcfgd_socket) instead of this device's;\n"
-    "               commands and signals are reported, never run or sent\n"
+    "               commands and signals are reported, never run or sent (so\n"
+    "               the country code is unknown, and validation refuses channel\n"
+    "               numbers: set --no-validate sets them)\n"
     "  -h, --help   print this text and exit\n"
     "\n"
     "Exit status:\n"
@@ -102,7 +116,7 @@ const char kHelp[] =
     "  1         the access lock is held, or a general failure (-1)\n"
     "  2 to 99   the library's result code -2 to -99, as a positive number\n"
     "            (3 unknown group, or a group that failed to apply; 4 item not\n"
-    "            found; 7 nothing to apply)\n"
+    "            found; 7 nothing to apply; 12 value rejected)\n"
     "  101-105   daemon transport failure -10001 to -10005\n"
     "  64        usage error: unknown command or option, missing or bad argument\n"
     "\n"
@@ -371,8 +385,67 @@ struct ItemList {
     ItemList &operator=(const ItemList &) = delete;
 };
 
-int cmd_set(const std::vector<std::string> &args) {
-    const std::string what = what_of("set", args);
+// ---- validation ---------------------------------------------------------------------
+
+// The type name of a type code of the rule file.
+const char *type_name(int code) {
+    for (const qorcfg_type_entry *row = cli_cfg_type_list; row->name != nullptr; ++row) {
+        if (row->code == code)
+            return row->name;
+    }
+    return "unknown type";
+}
+
+// Checks VALUE for ITEM of the group against the rule file; on rejection
+// `why` says why, in one line: the library's message, or the item's type
+// and rule.
+int check_value(const qorcfg_group &row, const std::string &item, const std::string &value,
+                std::string &why) {
+    const char *group = text_or_empty(row.name);
+    err_msg[0] = '\0';
+    const int rc = input_validation_by_item(group, value.c_str(), item.c_str());
+    if (rc == QORCFG_OK)
+        return rc;
+    if (err_msg[0] != '\0') {
+        why.assign(err_msg, std::strcspn(err_msg, "\n"));
+        return rc;
+    }
+    const qorcfg::store::OwnedHandle rules(init_qorcfg_f(qorcfg::validate::kRuleFile));
+    const int type = rules != nullptr
+                         ? get_cfg_item_type_by_group_name(rules.get(), item.c_str(), group)
+                         : QORCFG_ERR_INVALID;
+    if (type < 0) {
+        why = "ERROR: " + item + " of " + group + " is not in " + qorcfg::validate::kRuleFile + ".";
+        return rc;
+    }
+    bool found = false;
+    const qorcfg::os::Text rule(qorcfg::store::item_rule(rules.get(), item.c_str(), group, found));
+    why = std::string("ERROR: Not a valid ") + type_name(type) + " value";
+    if (rule != nullptr)
+        why += std::string(" (rule \"") + rule.get() + "\")";
+    why += ".";
+    return rc;
+}
+
+int cmd_validate(const std::vector<std::string> &args) {
+    const std::string what = what_of("validate", args);
+    int status = 0;
+    const qorcfg_group *row = row_of(what, args[0], status);
+    if (row == nullptr)
+        return status;
+    std::string why;
+    const int rc = check_value(*row, args[1], args[2], why);
+    std::printf("%s\n", rc == QORCFG_OK ? "accepted" : why.c_str());
+    return exit_status(rc);
+}
+
+int cmd_set(const std::vector<std::string> &given) {
+    const bool validate = given[0] != "--no-validate";
+    const std::vector<std::string> args(given.begin() + (validate ? 0 : 1), given.end());
+    const std::string what = what_of("set", given);
+    if (args.size() < 2)
+        return usage_error(what,
+                           "missing argument (usage: set [--no-validate] GROUP ITEM=VALUE...)");
     int status = 0;
     const qorcfg_group *row = row_of(what, args[0], status);
     if (row == nullptr)
@@ -390,12 +463,76 @@ int cmd_set(const std::vector<std::string> &args) {
             return fail(what, QORCFG_ERR_NOMEM);
         tail = &(*tail)->next;
     }
+    // Every pair is checked before anything is written.
+    for (const qorcfg_item *item = items.head; validate && item != nullptr; item = item->next) {
+        std::string why;
+        if (const int rc = check_value(*row, item->name, item->value, why); rc != QORCFG_OK) {
+            std::fprintf(stderr, "qorcfg: %s: %s=%s rejected: %s\n", what.c_str(), item->name,
+                         item->value, why.c_str());
+            return exit_status(rc);
+        }
+    }
     qorcfg_handle *handle = init_qorcfg();
     if (handle == nullptr)
         return fail(what, QORCFG_ERR_FAIL);
     const int rc = set_cfg_items(handle, items.head);
     close_qorcfg(handle);
     return rc == QORCFG_OK ? 0 : fail(what, rc);
+}
+
+// ---- permissions ----------------------------------------------------------------------
+
+// Whether `text` is a decimal number that fits in 32 bits.
+bool parse_decimal(const std::string &text, uint32_t &number) {
+    if (text.empty() || text.size() > 10 ||
+        text.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    const unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
+    number = static_cast<uint32_t>(value);
+    return value <= UINT32_MAX;
+}
+
+int cmd_perm(const std::vector<std::string> &args) {
+    const std::string &arg = args[0];
+    bool found = false;
+    if (const int group = getUserGroup(arg.c_str()); group != -1) {
+        std::printf("user %s: group %d\n", arg.c_str(), group);
+        found = true;
+    }
+    // A group of the group table, by name or ID.
+    uint32_t number = 0;
+    const bool hex = (arg.starts_with("0x") || arg.starts_with("0X")) && parse_gid(arg, number);
+    const qorcfg_group *row = hex ? group_by_gid(number) : group_by_name(arg.c_str());
+    if (row != nullptr) {
+        std::printf("group 0x%08x %s: permission 0x%x\n", static_cast<unsigned>(row->gid),
+                    text_or_empty(row->name),
+                    static_cast<unsigned>(getConfigPermissionByGID(row->gid)));
+        found = true;
+    }
+    // Permission names are upper case; operations may also be given by ID.
+    std::string upper = arg;
+    upperCase(upper.data());
+    if (const uint32_t perm = getConfigPermissionByName(upper.c_str()); perm != 0) {
+        std::printf("configuration %s: permission 0x%x\n", upper.c_str(),
+                    static_cast<unsigned>(perm));
+        found = true;
+    }
+    if (const uint32_t perm = getOperationPermissionByName(upper.c_str()); perm != 0) {
+        std::printf("operation %s: permission 0x%x\n", upper.c_str(), static_cast<unsigned>(perm));
+        found = true;
+    }
+    if (parse_decimal(arg, number)) {
+        if (const uint32_t perm = getOperationPermissionByOID(number); perm != 0) {
+            std::printf("operation %u: permission 0x%x\n", static_cast<unsigned>(number),
+                        static_cast<unsigned>(perm));
+            found = true;
+        }
+    }
+    if (found)
+        return 0;
+    std::fprintf(stderr, "qorcfg: perm %s: no user, group or operation of that name\n",
+                 arg.c_str());
+    return 1;
 }
 
 int cmd_pending(const std::vector<std::string> &) {
@@ -547,13 +684,15 @@ constexpr Command kCommands[] = {
     {"list-children", 1, 1, "list-children GROUP", cmd_list_children},
     {"groups", 0, 0, "groups", cmd_groups},
     {"daemon-status", 0, 0, "daemon-status", cmd_daemon_status},
-    {"set", 2, SIZE_MAX, "set GROUP ITEM=VALUE...", cmd_set},
+    {"validate", 3, 3, "validate GROUP ITEM VALUE", cmd_validate},
+    {"set", 2, SIZE_MAX, "set [--no-validate] GROUP ITEM=VALUE...", cmd_set},
     {"pending", 0, 0, "pending", cmd_pending},
     {"save", 1, 1, "save FILE", cmd_save},
     {"reset", 0, 0, "reset", cmd_reset},
     {"apply", 0, 1, "apply [--dry-run]", cmd_apply},
     {"sys", 1, 1, "sys ACTION", cmd_sys},
     {"sys-item", 1, 1, "sys-item NAME", cmd_sys_item},
+    {"perm", 1, 1, "perm USER|GROUP|OPERATION", cmd_perm},
 };
 
 // Offline, on an unpacked device root, the device's commands and signals

@@ -258,7 +258,9 @@ TEST(CliArguments, EachEndsInItsStatusAndNoneChangesTheConfiguration) {
         {{"get", "sys_device", "name"}, 0},
         {{"show", "lan_dhcp"}, 0},
         {{"list-children", "0x18080000"}, 0},
-        {{"set", "sys_device", "name=ap-2", "nosuch=1"}, 4},  // a failed set writes nothing
+        {{"set", "--no-validate", "sys_device", "name=ap-2", "nosuch=1"}, 4},  // a failed set
+        {{"set", "sys_device", "name=ap-2", "led=blink"},
+         12},  // and a rejected value write nothing
         {{"set", "lan_dhcp", "static:32.ip=10.0.0.9"}, 15},
         {{"set", "no_such_group", "a=1"}, 3},
     };
