@@ -117,29 +117,27 @@ size_t bracket_end(std::string_view p, size_t at) {
     return i;
 }
 
-// The repetition factor of the interval "{m}", "{m,}" or "{m,n}" at `at`,
-// with `at` moved to its '}'; 0 when no interval stands there.
+// The repetition factor of the interval at `at` ("{m}", "{m,}", "{,n}",
+// "{m,n}"; compilers read a missing bound as 0 or unlimited), with `at`
+// moved to its '}'; 0 when no interval stands there. "{m,}" counts as m + 1
+// copies, the last repeated.
 size_t interval_factor(std::string_view p, size_t &at) {
-    size_t i = at + 1;
     size_t bound[2] = {0, 0};
     int part = 0;
-    bool digits[2] = {false, false};
+    size_t i = at + 1;
     for (; i < p.size() && p[i] != '}'; ++i) {
         if (p[i] == ',' && part == 0)
             part = 1;
-        else if (p[i] >= '0' && p[i] <= '9') {
+        else if (p[i] >= '0' && p[i] <= '9')
             bound[part] = std::min<size_t>(bound[part] * 10 + static_cast<size_t>(p[i] - '0'),
                                            kMaxPatternNodes + 1);
-            digits[part] = true;
-        } else
+        else
             return 0;
     }
-    if (i == p.size() || !digits[0])
+    if (i == p.size() || i == at + 1)
         return 0;
     at = i;
-    if (part == 0)
-        return std::max<size_t>(bound[0], 1);
-    return digits[1] ? std::max<size_t>(bound[1], 1) : bound[0] + 1;
+    return std::max(bound[0], bound[1]) + 1;
 }
 
 // Whether the compiler can afford `p`. Adjacent repetition operators
